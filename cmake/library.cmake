@@ -1,0 +1,24 @@
+# The library, and its variants: shkv_variant(NAME KIND FLAGS...) builds the same sources again
+# with other flags (static for tests that reach inside, instrumented for sanitizers).
+file(GLOB_RECURSE SHKV_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/shared/src/*.cc)
+
+set(SHKV_WARNINGS -Wall -Wextra -Wshadow -Wpointer-arith -Wcast-qual -Wundef -Werror)
+
+function(shkv_variant name kind)
+  add_library(${name} ${kind} ${SHKV_SOURCES})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/shared/src)
+  target_compile_options(${name} PRIVATE ${SHKV_WARNINGS} -fvisibility=hidden -fno-exceptions -fno-rtti
+    -fno-strict-aliasing -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
+    ${ARGN})
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_link_options(${name} PUBLIC ${ARGN})
+endfunction()
+
+shkv_variant(ovo_shkv SHARED)
+set_target_properties(ovo_shkv PROPERTIES SOVERSION 0 VERSION ${PROJECT_VERSION} LINKER_LANGUAGE C)
+target_link_options(ovo_shkv PRIVATE -Wl,-z,defs -Wl,--as-needed)
+
+install(TARGETS ovo_shkv EXPORT ovo_shkv LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES include/shkv.h include/shkv_format.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})

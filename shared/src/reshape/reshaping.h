@@ -1,0 +1,3 @@
+// The whole reshape; exported, declared in shkv.h.
+#pragma once
+#include "shkv.h"

@@ -1,0 +1,3 @@
+// shkv_batch and its kin are exported and declared in shkv.h.
+#pragma once
+#include "shkv.h"

@@ -1,0 +1,3 @@
+// shkv_vdc_cleanup; exported, declared in shkv.h.
+#pragma once
+#include "shkv.h"

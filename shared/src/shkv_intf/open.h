@@ -1,0 +1,3 @@
+// shkv_open and its kin are exported and declared in shkv.h.
+#pragma once
+#include "shkv.h"

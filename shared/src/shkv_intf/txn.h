@@ -1,0 +1,3 @@
+// Transactions; exported, declared in shkv.h.
+#pragma once
+#include "shkv.h"
