@@ -1,0 +1,68 @@
+// What the crash explorer and the fault injection share: a small language of operations on one
+// store, the oracle that follows it, and states of the file system that can be put back.
+#pragma once
+#include <fcntl.h>
+#include <map>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "shkv.h"
+
+using contents = std::map<std::string, std::string>;
+
+constexpr const char *STORE = "explored";
+
+inline shkv_buf buf_of(const std::string &text)
+{
+    return {const_cast<char *>(text.data()), (uint32_t)text.size()};
+}
+
+enum op_kind { ADD, DEL, TXN, COMMIT, ABORT, BATCH_ADD, BATCH_DEL, RESHAPE, DESTROY, CREATE, LOOKUP };
+struct op {
+    op_kind kind;
+    int first = 0, last = 0; // keys first to last, both included; of a reshape: sizes of table and space
+    int val_sz = 8;
+};
+
+enum store_kind { FIXED, VECTOR, SHMAP, PROTECTED };
+constexpr const char *KIND_NAMES[] = {"fixed", "vector", "shmap", "L3"};
+
+// Each run of an operation stores other values: the round is part of them.
+extern int round_no;
+
+int run_op(int handle, const op &what);
+int create_store(store_kind kind, uint32_t *err_p);
+int open_store(uint32_t mode, uint32_t *err_p);
+// Adds records 2000, 2001, ... until the next one would have to grow the space; how many, or -1.
+int fill_store(int handle);
+bool read_all(int handle, contents *out_p);
+
+// The oracle: what readers see (now), and what the writer of a transaction sees (staged).
+struct model {
+    contents now, staged;
+    bool txn = false;
+
+    void apply(const op &what, int round);
+};
+
+struct snapshot {
+    std::map<std::string, std::string> files;
+};
+snapshot take_snapshot();
+void restore_snapshot(const snapshot &snap);
+
+// Runs what in a child with its standard output closed. Its exit code, or -signal.
+template <typename F> int in_child(F what)
+{
+    fflush(stdout);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(open("/dev/null", O_WRONLY), 1); // "key not found" of the deletes
+        _exit(what());
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
