@@ -66,3 +66,33 @@ template <typename F> int in_child(F what)
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
+
+// ---- scenarios: what a store has gone through, and the operations that are cut short ----
+
+struct scenario {
+    const char *name;
+    store_kind kind;
+    std::vector<op> before; // what has been done when the operation begins
+    std::vector<op> act;    // killed at every store
+    bool fill = false;      // and then the space was filled: the first add grows it
+    uint16_t rz_tm_chk = 0; // slice of a rebuild in microseconds; 0: all at once
+    bool in_short = true;
+};
+
+std::vector<scenario> scenarios();
+
+// A scenario ready to run: the objects at rest, and what may be found after act was cut short.
+struct prepared {
+    snapshot at_rest;
+    contents before, after;
+    std::vector<contents> allowed; // before, after each single step, after
+    int base_round = 0;
+};
+bool prepare(const scenario &scene, prepared *out_p);
+
+// Opens as the writer and does it. The results of the steps, when results_p is given; the handle.
+int act(const scenario &scene, const prepared &state, std::vector<int> *results_p);
+
+// As the next process: opens (as a writer, which repairs), compares the contents, checks every
+// invariant, works on. Empty when all is right. done: act succeeded, so only after will do.
+std::string judge_state(const scenario &scene, const prepared &state, bool done);

@@ -1,0 +1,247 @@
+// Fault injection. Of every operation of the scenarios, the n-th call of each system or library
+// call that the library makes fails: once, and from then on, for every n. The operation must say
+// so with one of its values, the process lives, a failed create leaves no name, what was
+// committed is there for the next process, and the store goes on working.
+//
+//     fault_inject short|long [SCENARIO [CALL]]
+#include <algorithm>
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <semaphore.h>
+#include <set>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/main.h"
+#include "support/scenario.h"
+
+namespace {
+
+enum call_no { OPEN, FTRUNCATE, MMAP, MUNMAP, FSTAT, MPROTECT, MKDIR, UNLINK, SEM_WAIT, SEM_POST, LOCK, UNLOCK,
+               CALLOC, FOPEN, OPENDIR, CALLS };
+const char *const CALL_NAMES[] = {"open", "ftruncate", "mmap", "munmap", "fstat", "mprotect", "mkdir", "unlink",
+                                  "sem_wait", "sem_post", "mutex lock", "mutex unlock", "calloc", "fopen", "opendir"};
+
+call_no target;
+bool armed, for_good;
+int countdown; // fails when it reaches 0
+int injected;
+
+bool fails(call_no which)
+{
+    if (!armed || which != target)
+        return false;
+    if (countdown > 0)
+        --countdown;
+    if (countdown > 0 || (!for_good && injected))
+        return false;
+    ++injected;
+    return true;
+}
+
+} // namespace
+
+#define WRAP(no, type, name, params, args, error, bad)      \
+    extern "C" type __real_##name params;                   \
+    extern "C" type __wrap_##name params                    \
+    {                                                       \
+        if (fails(no)) {                                    \
+            errno = error;                                  \
+            return bad;                                     \
+        }                                                   \
+        return __real_##name args;                          \
+    }
+WRAP(FTRUNCATE, int, ftruncate, (int fd, off_t len), (fd, len), ENOSPC, -1)
+WRAP(MMAP, void *, mmap, (void *hint, size_t len, int prot, int flags, int fd, off_t off),
+     (hint, len, prot, flags, fd, off), ENOMEM, MAP_FAILED)
+WRAP(MUNMAP, int, munmap, (void *base, size_t len), (base, len), EINVAL, -1)
+WRAP(FSTAT, int, fstat, (int fd, struct stat *st), (fd, st), EIO, -1)
+WRAP(MPROTECT, int, mprotect, (void *base, size_t len, int prot), (base, len, prot), ENOMEM, -1)
+WRAP(MKDIR, int, mkdir, (const char *path, mode_t mode), (path, mode), EACCES, -1)
+WRAP(UNLINK, int, unlink, (const char *path), (path), EACCES, -1)
+WRAP(SEM_WAIT, int, sem_wait, (sem_t *sem), (sem), EINVAL, -1)
+WRAP(LOCK, int, pthread_mutex_lock, (pthread_mutex_t *mutex), (mutex), EINVAL, -1)
+WRAP(CALLOC, void *, calloc, (size_t cnt, size_t size), (cnt, size), ENOMEM, nullptr)
+WRAP(FOPEN, FILE *, fopen, (const char *path, const char *mode), (path, mode), EMFILE, nullptr)
+WRAP(OPENDIR, DIR *, opendir, (const char *path), (path), EMFILE, nullptr)
+
+// A post and an unlock that fail are done all the same: else the next wait would be for ever.
+extern "C" int __real_sem_post(sem_t *sem);
+extern "C" int __wrap_sem_post(sem_t *sem)
+{
+    int result = __real_sem_post(sem);
+    return fails(SEM_POST) ? (errno = EOVERFLOW, -1) : result;
+}
+extern "C" int __real_pthread_mutex_unlock(pthread_mutex_t *mutex);
+extern "C" int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex)
+{
+    int result = __real_pthread_mutex_unlock(mutex);
+    return fails(UNLOCK) ? -1 : result;
+}
+extern "C" int __real_open(const char *path, int flags, ...);
+extern "C" int __wrap_open(const char *path, int flags, ...)
+{
+    va_list args;
+    va_start(args, flags);
+    unsigned mode = flags & O_CREAT ? va_arg(args, unsigned) : 0;
+    va_end(args);
+    return fails(OPEN) ? (errno = EMFILE, -1) : __real_open(path, flags, mode);
+}
+extern "C" int __wrap_usleep(unsigned)
+{
+    return 0;
+}
+
+namespace {
+
+struct tally {
+    uint64_t runs = 0, failed = 0;
+};
+
+struct outcome {
+    int injected;
+    bool done; // every step returned 0
+    int odd;   // a result that is none of the library's
+    int after; // of an add and a lookup in the same process, once nothing fails any more
+};
+
+// In the child that meets the fault.
+int run_faulty(const scenario &scene, const prepared &state, outcome *out_p)
+{
+    std::vector<int> results;
+    alarm(20); // a hang is a failure
+    armed = true;
+    int handle = act(scene, state, &results);
+    armed = false;
+    *out_p = {injected, true, 0, 0};
+    for (int result : results) {
+        out_p->done = out_p->done && result == 0;
+        static const std::set<int> known = {0, ENOENT, EBADF, ENOMEM, EFAULT, EEXIST, EINVAL, ENOSPC};
+        if (!known.count(result))
+            out_p->odd = result;
+    }
+    if (handle > 0 && scene.act[0].kind != DESTROY && scene.act[0].kind != RESHAPE) {
+        for (const op &what : {op{ADD, 20, 20}, op{LOOKUP, 21, 21}}) {
+            int result = run_op(handle, what);
+            // A process may have lost its mapping; then it says so and the next one goes on.
+            if (result != 0 && result != ENOMEM && result != EBADF && result != ENOENT)
+                out_p->after = result;
+        }
+    }
+    return 0;
+}
+
+std::string complaint(const scenario &scene, const prepared &state, int end, const outcome &out)
+{
+    if (end)
+        return end == -SIGALRM ? "hangs" : "ends with " + std::to_string(end);
+    if (out.odd)
+        return "gives " + std::to_string(out.odd);
+    if (out.after)
+        return "afterwards gives " + std::to_string(out.after);
+    if (scene.act[0].kind == CREATE && !out.done && target != UNLINK && target != OPEN &&
+        take_snapshot().files.size() != state.at_rest.files.size())
+        return "a failed create leaves a name";
+    // The add of run_faulty may have gone through: the next process may find it, too.
+    prepared with_add = state;
+    for (const contents &each : state.allowed)
+        for (int round = state.base_round; round < state.base_round + 10; ++round) {
+            model next{each, {}, false};
+            next.apply({ADD, 20, 20}, round);
+            with_add.allowed.push_back(next.now);
+        }
+    return judge_state(scene, with_add, false);
+}
+
+void inject(const scenario &scene, const prepared &state, tally *tally_p)
+{
+    outcome *out_p = (outcome *)mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    for (for_good = false;; for_good = true) {
+        for (int n = 1; n < 200; ++n) {
+            restore_snapshot(state.at_rest);
+            countdown = n;
+            *out_p = {};
+            int end = in_child([&] { return run_faulty(scene, state, out_p); });
+            if (end == 0 && !out_p->injected)
+                break; // the operation makes fewer such calls
+            ++tally_p->runs;
+            std::string why = complaint(scene, state, end, *out_p);
+            if (!why.empty() && ++tally_p->failed <= 40)
+                printf("FAILED %s (%s): %s number %d%s: %s\n", scene.name, KIND_NAMES[scene.kind],
+                       CALL_NAMES[target], n, for_good ? " and all further" : "", why.c_str());
+        }
+        if (for_good)
+            break;
+    }
+    munmap(out_p, 4096);
+}
+
+// Memory that is not there: the same on a /dev/shm with 0 to k free pages, for each k.
+void starve(const scenario &scene, const prepared &state, tally *tally_p)
+{
+    outcome *out_p = (outcome *)mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    for (int pages = 0; pages < 200; ++pages) {
+        restore_snapshot(state.at_rest);
+        *out_p = {};
+        int end = in_child([&] {
+            // All but so many pages go to a file of no store.
+            std::string ballast = "/dev/shm/ballast";
+            int fd = __real_open(ballast.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+            std::string page(4096, 'x');
+            off_t size = 0;
+            while (write(fd, page.data(), page.size()) == (ssize_t)page.size())
+                size += 4096;
+            __real_ftruncate(fd, std::max<off_t>(0, size - (off_t)pages * 4096));
+            target = CALLS;
+            int result = run_faulty(scene, state, out_p);
+            __real_unlink(ballast.c_str());
+            return result;
+        });
+        __real_unlink("/dev/shm/ballast");
+        ++tally_p->runs;
+        std::string why = complaint(scene, state, end, *out_p);
+        if (!why.empty() && ++tally_p->failed <= 40)
+            printf("FAILED %s (%s): with %d pages of memory: %s\n", scene.name, KIND_NAMES[scene.kind], pages,
+                   why.c_str());
+        if (end == 0 && out_p->done)
+            break;
+    }
+    munmap(out_p, 4096);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::string mode = argc > 1 ? argv[1] : "short", only = argc > 2 ? argv[2] : "", call = argc > 3 ? argv[3] : "";
+    if (!private_shm())
+        return fprintf(stderr, "cannot make a mount namespace with a /dev/shm of its own\n"), 1;
+    remount_shm("6m");
+    tally total;
+    for (const scenario &scene : scenarios()) {
+        prepared state;
+        if ((!only.empty() && only != scene.name) || (mode == "short" && !scene.in_short))
+            continue;
+        if (!prepare(scene, &state)) {
+            printf("FAILED %s: cannot be set up\n", scene.name);
+            ++total.failed;
+            continue;
+        }
+        uint64_t runs = total.runs;
+        for (int no = 0; no < CALLS; ++no) {
+            target = (call_no)no;
+            if (call.empty() || call == CALL_NAMES[no])
+                inject(scene, state, &total);
+        }
+        if (call.empty() || call == "memory")
+            starve(scene, state, &total);
+        printf("%-26s %-7s %8lu faults\n", scene.name, KIND_NAMES[scene.kind], (unsigned long)(total.runs - runs));
+    }
+    printf("%lu faults injected, %lu failed\n", (unsigned long)total.runs, (unsigned long)total.failed);
+    return total.failed != 0 || total.runs == 0;
+}
