@@ -52,7 +52,8 @@ static int drop_old_log(const batch_op *op_p)
     } else {
         int result = shkv_destroy(log);
         if (result != 0)
-            return fail(op_p->ring_p, 0xC0, (uint32_t)result, result, "shkv_m_add, destroy failed, retv:%d", result);
+            return fail(op_p->ring_p, 0xC0, (uint32_t)result, result, "shkv_m_add, destroy failed, retv:%d",
+                        result);
     }
     put32(&sn->iodb_mark, 0);
     return 0;
@@ -72,14 +73,17 @@ static int check_batch(const batch_op *op_p)
             return result;
     }
     if (!may_write)
-        return fail(op_p->ring_p, 0xB5, (uint32_t)shkvh, EINVAL, "shkv_m_add, write is not allowed, shkvh:%d", shkvh);
+        return fail(op_p->ring_p, 0xB5, (uint32_t)shkvh, EINVAL, "shkv_m_add, write is not allowed, shkvh:%d",
+                    shkvh);
     if ((get32(&sn->sn_flg) & SN_DBG_WR) && !(head->access_mode & SHKV_AM_DBG))
         return fail_pair(op_p->ring_p, 0xB6, (uint32_t)shkvh, head->access_mode, EINVAL,
                          "shkv_m_add, write dbg is on-going, shkvh:%d", shkvh);
     if (!op_p->keys || (!op_p->vals && !op_p->deletes))
-        return fail(op_p->ring_p, 0xB7, (uint32_t)shkvh, EINVAL, "shkv_m_add, has bad pointer, shkvh:%d", shkvh);
+        return fail(op_p->ring_p, 0xB7, (uint32_t)shkvh, EINVAL, "shkv_m_add, has bad pointer, shkvh:%d",
+                    shkvh);
     if (op_p->cnt < 1 || op_p->cnt > BATCH_MAX)
-        return fail(op_p->ring_p, 0xB8, (uint32_t)shkvh, EINVAL, "shkv_m_add, m_cnt is invalid, shkvh:%d", shkvh);
+        return fail(op_p->ring_p, 0xB8, (uint32_t)shkvh, EINVAL, "shkv_m_add, m_cnt is invalid, shkvh:%d",
+                    shkvh);
     return 0;
 }
 
@@ -99,7 +103,8 @@ static int plain_batch(const batch_op *op_p)
 {
     int result = apply_entries(op_p);
     if (result != 0)
-        return fail(op_p->ring_p, 0xB9, (uint32_t)result, result, "shkv_m_add, non_atomic failed, retv:%d", result);
+        return fail(op_p->ring_p, 0xB9, (uint32_t)result, result, "shkv_m_add, non_atomic failed, retv:%d",
+                    result);
     return 0;
 }
 
@@ -158,7 +163,8 @@ static int atomic_batch(batch_op *op_p)
     LOG("added %d keys\n", op_p->cnt);
     result = shkv_destroy(op_p->log);
     if (result != 0)
-        return fail(op_p->ring_p, 0xBE, (uint32_t)result, result, "shkv_m_add, destroy failed, retv:%d", result);
+        return fail(op_p->ring_p, 0xBE, (uint32_t)result, result, "shkv_m_add, destroy failed, retv:%d",
+                    result);
     put32(&op_p->sn->iodb_mark, 0);
     return 0;
 }

@@ -35,7 +35,8 @@ int shkv_vdc_cleanup(uint32_t vdc_id)
     uint32_t err = 0;
     int reg = shkv_open(SHKV_REGISTRY_NAME, UUID_INTERNAL, 0, SHKV_AM_READ | SHKV_AM_ITER, &err);
     if (reg == 0)
-        return fail(nullptr, 0, 0, (int)err, "%s,shkv registry open failed,errcode=%d", "shkv_vdc_cleanup", err);
+        return fail(nullptr, 0, 0, (int)err, "%s,shkv registry open failed,errcode=%d", "shkv_vdc_cleanup",
+                    err);
     int result = shkv_iterate(reg, nullptr, nullptr, nullptr, 1);
     while (result == 0) {
         char name[SHKV_NAME_MAX + 1];

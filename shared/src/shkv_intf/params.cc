@@ -75,8 +75,8 @@ static int set_auto_resize_opts(int handle, const void *opts)
     const shkv_opts *opts_p = (const shkv_opts *)opts;
     put16(&sn->rz_tm_chk, (uint16_t)opts_p->rz_tm_chk);
     put32(&sn->auto_rz, opts_p->auto_rz);
-    LOG("%s.%d: rz_tm_chk set to %d, auto_rz set to %d", "shkv_set_auto_resize_opts", __LINE__, get16(&sn->rz_tm_chk),
-        get32(&sn->auto_rz));
+    LOG("%s.%d: rz_tm_chk set to %d, auto_rz set to %d", "shkv_set_auto_resize_opts", __LINE__,
+        get16(&sn->rz_tm_chk), get32(&sn->auto_rz));
     return 0;
 }
 
@@ -89,7 +89,8 @@ int shkv_db_set_opts(int handle, int32_t opts_type, void *opts)
         return fail(nullptr, 0, 0, EINVAL, "%s.%d: opts_type %d not recognized", "shkv_db_set_opts", __LINE__,
                     opts_type);
     if (!opts)
-        return fail(nullptr, 0, 0, EINVAL, "%s.%d: opts memory no allocated yet ", "shkv_db_set_opts", __LINE__);
+        return fail(nullptr, 0, 0, EINVAL, "%s.%d: opts memory no allocated yet ", "shkv_db_set_opts",
+                    __LINE__);
     return set_opts[opts_type - 1](handle, opts);
 }
 

@@ -72,8 +72,8 @@ static int write_record(const char *uri, uint32_t uuid, uint32_t flags, uint32_t
     uint32_t err = 0;
     int reg = shkv_open(SHKV_REGISTRY_NAME, UUID_REGISTRY, 0, SHKV_AM_WRITE, &err);
     if (reg == 0)
-        return fail(nullptr, 0, 0, (int)err, "%s: shkv registery open failed, err:%d mode %d", "shkv_register", err,
-                    flags);
+        return fail(nullptr, 0, 0, (int)err, "%s: shkv registery open failed, err:%d mode %d", "shkv_register",
+                    err, flags);
     shkv_head *head = check_shkv_hdl(reg);
     if (!head)
         return EBADF;
@@ -83,8 +83,8 @@ static int write_record(const char *uri, uint32_t uuid, uint32_t flags, uint32_t
     const shkv_buf val = {&rec, sizeof rec};
     int result = flags & REG_DELETE ? shkv_delete(reg, &key) : shkv_add(reg, &key, &val, 0);
     if (result != 0)
-        return fail(ring_of(head->sn), 0x0E, (uint32_t)result, result, "shkv registery operate reg failed, retv:%d",
-                    result);
+        return fail(ring_of(head->sn), 0x0E, (uint32_t)result, result,
+                    "shkv registery operate reg failed, retv:%d", result);
     shkv_close(reg);
     return 0;
 }

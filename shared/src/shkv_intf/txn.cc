@@ -83,7 +83,8 @@ int shkv_txn_start(int handle, const uint32_t *est_ents)
     // Publish: the table is empty, in its full length and described. Pairs with the snapshot of
     // every operation of the writer, this one or the next.
     put32(&sn->comm_flg, flg | CF_TXN);
-    LOG("%s: md txn obj_sz:%d hashsz:%d", "shkv_txn_start", get32(&sn->md_txn.obj_sz), get32(&sn->md_txn.hashsz));
+    LOG("%s: md txn obj_sz:%d hashsz:%d", "shkv_txn_start", get32(&sn->md_txn.obj_sz),
+        get32(&sn->md_txn.hashsz));
     return 0;
 }
 

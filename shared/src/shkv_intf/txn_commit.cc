@@ -106,7 +106,7 @@ static bool units_left(const txn_op *op_p, const udn *rec)
 }
 
 // Key, value, sizes and checksum. false when the units do not hold it, which cannot be.
-static bool __attribute__((noinline)) fill_copy(const txn_op *op_p, udn *copy, uint32_t copy_off, const udn *rec)
+static bool __attribute__((noinline)) fill_copy(const txn_op *op_p, udn *copy, uint32_t off, const udn *rec)
 {
     shkv_head *head = op_p->head;
     void *ud_base = op_p->ud_base;
@@ -114,13 +114,14 @@ static bool __attribute__((noinline)) fill_copy(const txn_op *op_p, udn *copy, u
     copy->key_sz = rec->key_sz;
     copy->val_sz = rec->val_sz;
     if (!is_vector(op_p->sn)) {
-        memcpy((char *)copy + UDN_HEAD_SZ, (const char *)rec + UDN_HEAD_SZ, (uint32_t)rec->key_sz + rec->val_sz);
+        uint32_t len = (uint32_t)rec->key_sz + rec->val_sz;
+        memcpy((char *)copy + UDN_HEAD_SZ, (const char *)rec + UDN_HEAD_SZ, len);
     } else {
         char room[REC_VALUE_MAX];
         if (shkv_dv_read(room, REC_KEY_MAX, ud_base, rec, REC_KEY, head, shared_map, 0, nullptr) != 0 ||
-            shkv_dv_write(ud_base, copy, REC_KEY, room, rec->key_sz, head, shared_map, copy_off) != 0 ||
+            shkv_dv_write(ud_base, copy, REC_KEY, room, rec->key_sz, head, shared_map, off) != 0 ||
             shkv_dv_read(room, sizeof room, ud_base, rec, REC_VALUE, head, shared_map, 0, nullptr) != 0 ||
-            shkv_dv_write(ud_base, copy, REC_VALUE, room, rec->val_sz, head, shared_map, copy_off) != 0)
+            shkv_dv_write(ud_base, copy, REC_VALUE, room, rec->val_sz, head, shared_map, off) != 0)
             return false;
     }
     copy->cksum = record_cksum(ud_base, copy, head, shared_map);

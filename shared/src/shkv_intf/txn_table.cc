@@ -64,8 +64,8 @@ int txn_table_make(shkv_head *head, uint32_t hashsz)
     // The cut to 0 is what clears the table.
     if (ftruncate(rec->fd, 0) == -1 || ftruncate(rec->fd, sz) == -1) {
         int err = errno;
-        return fail(nullptr, 0, 0, err, "%s: fd:%d, failed to ftruncate obj shm,errno:%d", "shkv_txn_start", rec->fd,
-                    err);
+        return fail(nullptr, 0, 0, err, "%s: fd:%d, failed to ftruncate obj shm,errno:%d", "shkv_txn_start",
+                    rec->fd, err);
     }
     rec->base = (mdn *)mmap(nullptr, sz, PROT_READ | PROT_WRITE, MAP_SHARED, rec->fd, 0);
     if (rec->base == MAP_FAILED)

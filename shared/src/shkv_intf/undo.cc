@@ -25,14 +25,16 @@ static int undo_record(int handle, supernode *sn, const shkv_buf *key, const shk
     if (val->len != 0) {
         int result = shkv_add(handle, key, val, 0);
         if (result != 0)
-            return fail(ring_of(sn), 0xC2, (uint32_t)result, result, "shkv_iodb_rollbk, add failed, retv:%d", result);
+            return fail(ring_of(sn), 0xC2, (uint32_t)result, result, "shkv_iodb_rollbk, add failed, retv:%d",
+                        result);
         return 0;
     }
     if ((get32(&sn->iodb_mark) & 0xff) != (IODB_ADDS & 0xff))
         return 0;
     int result = shkv_delete(handle, key);
     if (result != 0 && result != ENOENT)
-        return fail(ring_of(sn), 0xC3, (uint32_t)result, result, "shkv_iodb_rollbk, del failed, retv:%d", result);
+        return fail(ring_of(sn), 0xC3, (uint32_t)result, result, "shkv_iodb_rollbk, del failed, retv:%d",
+                    result);
     return result;
 }
 
