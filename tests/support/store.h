@@ -1,0 +1,112 @@
+// Short forms for tests that work on stores through the interface.
+#pragma once
+#include <gtest/gtest.h>
+#include <map>
+#include <sched.h>
+#include <string>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "check/store_check.h"
+#include "shkv.h"
+#include "support/main.h"
+
+using contents = std::map<std::string, std::string>;
+
+inline shkv_buf buf_of(const std::string &text)
+{
+    return {const_cast<char *>(text.data()), (uint32_t)text.size()};
+}
+
+// Keys to 16 bytes, values to 40, owned by nobody's budget.
+inline int make_store(const char *name, uint32_t conf_flg, uint32_t maxents, uint32_t uuid = 0)
+{
+    shkv_params params = {16, 40, maxents, conf_flg, 0};
+    uint32_t err = 0;
+    int handle = shkv_create(name, uuid, &params, 0, &err);
+    EXPECT_NE(0, handle) << name << ": " << err;
+    return handle;
+}
+
+inline int open_store(const char *name, uint32_t mode)
+{
+    uint32_t err = 0;
+    return shkv_open(name, 0, 0, mode, &err);
+}
+
+inline int put(int handle, const std::string &key, const std::string &value)
+{
+    shkv_buf key_buf = buf_of(key), val_buf = buf_of(value);
+    return shkv_add(handle, &key_buf, &val_buf, 0);
+}
+
+inline int del(int handle, const std::string &key)
+{
+    shkv_buf key_buf = buf_of(key);
+    return shkv_delete(handle, &key_buf);
+}
+
+// *value is empty unless the result is 0.
+inline int get(int handle, const std::string &key, std::string *value)
+{
+    static char room[65000];
+    shkv_buf key_buf = buf_of(key), val_buf = {room, sizeof room};
+    int result = shkv_lookup(handle, &key_buf, &val_buf);
+    *value = result == 0 ? std::string(room, val_buf.len) : "";
+    return result;
+}
+
+inline contents iterate_all(int handle)
+{
+    contents all;
+    static char key_room[2048], val_room[65000];
+    int result = shkv_iterate(handle, nullptr, nullptr, nullptr, 1);
+    while (result == 0) {
+        shkv_buf key = {key_room, sizeof key_room}, val = {val_room, sizeof val_room};
+        result = shkv_iterate(handle, &key, &val, nullptr, 0);
+        bool once = result != 0 || all.emplace(std::string(key_room, key.len), std::string(val_room, val.len)).second;
+        EXPECT_TRUE(once) << key_room;
+    }
+    EXPECT_EQ(ENOENT, result);
+    return all;
+}
+
+// What the checker finds wrong with the bytes of a store; strict: lost units, too.
+inline std::string faults_of(const char *name, bool strict = true)
+{
+    store_image image;
+    std::string text;
+    if (!load_store(name, &image))
+        return "no such store";
+    for (const std::string &fault : check_image(image, strict).faults)
+        text += fault + "\n";
+    return text;
+}
+
+// Runs what in a child, whose expectations count as ours.
+template <typename F> void in_child(F what)
+{
+    fflush(stdout);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int result = what();
+        fflush(stdout);
+        _exit(result || testing::Test::HasFailure());
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(0, status);
+}
+
+// The same where nothing was ever created, with a /dev/shm of that size and no handle open.
+template <typename F> void on_fresh_machine(const char *shm_sz, F what)
+{
+    in_child([&] {
+        if (unshare(CLONE_NEWNS) != 0 || !remount_shm(shm_sz))
+            return 1;
+        memset(shkv_db_heads, 0, sizeof shkv_db_heads);
+        what();
+        return 0;
+    });
+}
