@@ -76,7 +76,7 @@ static void take_back_slots(sbm *sbm_p, supernode *sn)
 {
     if (!sn || !(get32(&sn->gc_flg) & GC_FLG_TAKE) || !(sbm_p->sbm_flg & SBM_FLG_SLOTS))
         return;
-    if (sbm_p->hold_mark == sbm_p->free_tail || get32(sbm_link_p(sbm_p, nullptr, sbm_p->free_tail, false)))
+    if (get32(sbm_link_p(sbm_p, nullptr, sbm_p->free_tail, false)))
         return;
     put32(&sbm_p->sbm_flg, sbm_p->sbm_flg & ~SBM_FLG_SLOTS);
     for (const gc_pair &pair : sbm_p->gc_slot) {
@@ -115,6 +115,8 @@ void *shkv_fixed_getnd(sbm *sbm_p, shkv_head *head, uint32_t, uint32_t *)
         return nullptr;
     if (fresh_is_gone(sbm_p) && sbm_p->free_head == sbm_p->free_tail)
         sbm_release_hold(sbm_p, nullptr, 0); // nothing else is left: the wait is cut short
+    if (sbm_p->hold_mark == sbm_p->free_tail)
+        sbm_release_hold(sbm_p, nullptr, 0); // a killed writer moved nodes over and did not count them
     udn *node_p = take_free_node(sbm_p);
     if (!node_p) {
         take_back_slots(sbm_p, head ? head->sn : nullptr); // for later calls; this one goes on to fresh space
