@@ -13,6 +13,14 @@ int shkv_dv_read(void *dst, uint32_t room, void *ud_base, const udn *udn_p, int 
 int shkv_dv_write(void *ud_base, udn *udn_p, int which, const void *src, int32_t size, shkv_head *head,
                   bool shared_map, uint32_t udn_off);
 
+// The same read without a line or an event: 0, or the value. For a reader who first looks whether
+// the record was still the one that it found.
+int dv_read_quiet(void *dst, uint32_t room, void *ud_base, const udn *udn_p, int which, shkv_head *head,
+                  bool shared_map, uint32_t limit);
+
+// Whether a unit that a link names lies whole in what is mapped and below ud_end. limit 0: the writer.
+bool dv_unit_ok(const void *ud_base, uint32_t unit_off, uint32_t limit);
+
 // Hash of a stored key. In vector mode gathered into gather_p (REC_KEY_MAX bytes) when it spans
 // units; *gathered_p (may be null) tells.
 uint32_t shkv_hash_udn_key(shkv_hash_fn fn, void *ud_base, const udn *udn_p, shkv_head *head, bool shared_map,
