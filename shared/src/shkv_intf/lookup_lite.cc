@@ -1,0 +1,71 @@
+// shkv_lookup_lite: a pointer to the value where it lies, for a fixed-mode store that is read at a
+// high rate. No copy and no checksum; it knows no deleted mark, no reshape, no transaction and no
+// UD2. The bytes can change under the caller. All that is meant.
+#include "shkv_intf/lookup_lite.h"
+
+#include <errno.h>
+#include <sys/mman.h>
+#include "diag/fail.h"
+#include "diag/trace.h"
+#include "shkv_intf/addr.h"
+#include "shkv_intf/chain.h"
+#include "shkv_intf/obj_remap.h"
+#include "shkv_intf/walk.h"
+
+#define LOOK_AGAIN (-1)
+
+static int look(shkv_head *head, int shkvh, const shkv_buf *key, shkv_buf *value)
+{
+    supernode *sn = head->sn;
+    void *ring_p = ring_of(sn);
+    uint32_t flg = get32(&sn->comm_flg);
+    if (flg & CF_DESTROYED) // the message names add; intended
+        return fail(ring_p, 0x10, (uint32_t)shkvh, EBADF, "shkv_add, the db has been destroyed, shkvh:%d", shkvh);
+    int ret = check_hdmd_remap(head, flg, shkvh, PROT_READ, ring_p);
+    if (ret != 0)
+        return fail(ring_p, 0x74, (uint32_t)shkvh, ret, "shkv_lookup, check_hdmd_remap failed %d", ret);
+    const md_desc *desc = flg & CF_MD1 ? &sn->md1 : &sn->md2;
+    const md_rec *rec = flg & CF_MD1 ? &head->md1 : &head->md2;
+    const ud_map *ud = head->ud1_map;
+    if (!rec->hash_fn)
+        return fail(ring_p, 0x75, (uint32_t)shkvh, EINVAL, "shkv_lookup, hashfunc is not inited, shkvh:%d\n",
+                    shkvh);
+    if (!rec->base || !ud || !ud->map[0])
+        return ENOMEM;
+    uint32_t bkt = bucket_of(rec->hash_fn(key->ptr, key->len), get32(&desc->hashsz));
+    if (bkt >= rec->mapped_sz / sizeof(mdn))
+        return LOOK_AGAIN; // a mapping that is out of step
+    chain_walk walk;
+    walk_init(&walk, head, rec->base, rec->base + bkt, ud->map[0], key->ptr, key->len, ud->mapped_sz, ring_p);
+    if (!walk_find(&walk)) {
+        bool moved = get32(&sn->comm_flg) != flg || get32(&desc->obj_ver) != rec->ver;
+        return walk.err == ENOMEM || moved ? LOOK_AGAIN : ENOENT;
+    }
+    if (!walk_still_holds(&walk))
+        return LOOK_AGAIN;
+    value->ptr = (char *)walk.udn_p + UDN_HEAD_SZ + key->len;
+    value->len = walk.sizes >> 16;
+    return 0;
+}
+
+int shkv_lookup_lite(int handle, const shkv_buf *key, shkv_buf *value)
+{
+    shkv_head *head = check_shkv_hdl(handle);
+    if (!head)
+        return EBADF;
+    void *ring_p = ring_of(head->sn);
+    uint32_t arg = (uint32_t)handle;
+    if (!is_fixed(head->sn)) // only there can a pointer stand for a value
+        return fail(ring_p, 0x11, arg, ENOMEM, nullptr);
+    if (!key || !value)
+        return fail(ring_p, 0x12, arg, EINVAL, "shkv_lookup, has bad buffer, shkvh:%d\n", handle);
+    if (key->len == 0 || !key->ptr)
+        return fail(ring_p, 0x15, arg, EINVAL, "shkv_lookup, key buffer size is 0, shkvh:%d\n", handle);
+    // No limit: round it goes until the remap succeeds, the key is found or missed, or the store
+    // is destroyed.
+    for (;;) {
+        int ret = look(head, handle, key, value);
+        if (ret != LOOK_AGAIN)
+            return ret;
+    }
+}

@@ -1,0 +1,3 @@
+// shkv_m_lookup is exported and declared in shkv.h.
+#pragma once
+#include "shkv.h"
