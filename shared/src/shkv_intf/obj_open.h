@@ -5,4 +5,5 @@
 supernode *shkv_open_sn(const char *path, uint32_t uuid, int prot, uint32_t *err_p);
 int shkv_reopen_mdobj(supernode *sn, shkv_head *head, int obj_t, int prot, shkv_head *share_p, uint32_t *err_p,
                       void *ring_p);
-int shkv_open_mdudobj(supernode *sn, shkv_head *head, int prot, shkv_head *share_p, uint32_t *err_p, void *ring_p);
+int shkv_open_mdudobj(supernode *sn, shkv_head *head, int prot, shkv_head *share_p, uint32_t *err_p,
+                      void *ring_p);
