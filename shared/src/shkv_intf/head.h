@@ -15,6 +15,8 @@ struct head_priv {
     uint64_t recip[3];        // for MD1, MD2, MD_TXN: ceil(2^64 / hashsz), see bucket_of
     uint32_t recip_hashsz[3]; // the hashsz that recip was made for; 0 when not made
     uint32_t wprot;           // non-zero: this process's own UD mapping is read-only now
+    uint32_t intrm_put_cnt;   // writes of a reshape since this writer last saw its list empty
+    uint32_t resh_end;        // RESH_*: how far a reshaper's handle has come with its end (mover.h)
 };
 extern head_priv head_privs[HEADS];
 

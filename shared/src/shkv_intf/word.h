@@ -38,3 +38,13 @@ static inline void put8(uint8_t *byte_p, uint8_t val)
 {
     __atomic_store_n(byte_p, val, __ATOMIC_RELEASE);
 }
+
+// A word of flags that several processes change, each its own bits: none of them is lost. Still one
+// store for who looks; rare enough for its lock prefix.
+static inline void change32(uint32_t *word_p, uint32_t clear, uint32_t set)
+{
+    uint32_t was = get32(word_p);
+    while (!__atomic_compare_exchange_n(word_p, &was, (was & ~clear) | set, false, __ATOMIC_ACQ_REL,
+                                        __ATOMIC_ACQUIRE)) {
+    }
+}
