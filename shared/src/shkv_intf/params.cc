@@ -155,8 +155,3 @@ uint32_t shkv_get_page_sz(void)
 {
     return SHKV_PAGE_SIZE;
 }
-
-shkv_hash_fn shkv_get_internal_hashfn(int32_t idx)
-{
-    return shkv_hash_matrix[idx];
-}
