@@ -66,7 +66,7 @@ int token_take(supernode *sn, uint32_t uuid, uint32_t *err_p)
     uint32_t bit = 0;
     int taken = choose_bit(sn, uuid, &bit, err_p);
     if (taken)
-        put32(&sn->comm_flg, get32(&sn->comm_flg) | bit);
+        change32(&sn->comm_flg, 0, bit);
     if (resh_sem_give(sn) == -1 && taken)
         return fail_err(ring_of(sn), 0x42, (uint32_t)errno, err_p, EFAULT,
                         "uuid:%d,db shkv semaphore post failed,errno:%d", uuid, errno);
@@ -80,7 +80,7 @@ void token_give(supernode *sn)
         fail(ring_of(sn), 0x84, (uint32_t)errno, 0, "the db shkv semaphore wait failed,errno:%d", errno);
         return;
     }
-    put32(&sn->comm_flg, get32(&sn->comm_flg) & ~(TOKENS | REFILLS));
+    change32(&sn->comm_flg, TOKENS | REFILLS, 0);
     if (resh_sem_give(sn) == -1)
         fail(ring_of(sn), 0x85, (uint32_t)errno, 0, "db shkv semaphore post failed,errno:%d", errno);
 }

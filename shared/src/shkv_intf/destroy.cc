@@ -106,6 +106,6 @@ int shkv_destroy(int handle)
     flg = get32(&sn->comm_flg);
     if (flg & CF_DESTROYED)
         return fail(ring_of(sn), 0x88, (uint32_t)handle, 0, "shkv_destroy, DB is already destroyed");
-    put32(&sn->comm_flg, flg | CF_DESTROYED);
+    change32(&sn->comm_flg, 0, CF_DESTROYED);
     return remove_objects(head, handle, size);
 }

@@ -52,7 +52,7 @@ int pick_tables(resize_op *op_p)
     op_p->target = md1 ? &sn->md2 : &sn->md1;
     op_p->from = md1 ? &head->md1 : &head->md2;
     op_p->to = md1 ? &head->md2 : &head->md1;
-    put32(&sn->comm_flg, f | (md1 ? CF_REFILL2 : CF_REFILL1));
+    change32(&sn->comm_flg, 0, md1 ? CF_REFILL2 : CF_REFILL1);
     LOG(md1 ? "%s: resize MD2" : "%s: resize MD1", "shkv_resize_md");
     return 0;
 }
@@ -173,7 +173,8 @@ int refill_target(resize_op *op_p)
         return result;
     // The flip. The new table holds every record, in whole chains; a reader goes on in the old one
     // or starts in the new one. Pairs with the snapshot that every operation takes.
-    put32(&op_p->sn->comm_flg, op_p->next_flg & ~(CF_REFILL1 | CF_REFILL2));
+    const uint32_t mds = CF_MD1 | CF_MD2;
+    change32(&op_p->sn->comm_flg, mds | CF_REFILL1 | CF_REFILL2, op_p->next_flg & mds);
     return 0;
 }
 

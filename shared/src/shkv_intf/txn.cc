@@ -82,7 +82,7 @@ int shkv_txn_start(int handle, const uint32_t *est_ents)
     bind_hash(head, flg);
     // Publish: the table is empty, in its full length and described. Pairs with the snapshot of
     // every operation of the writer, this one or the next.
-    put32(&sn->comm_flg, flg | CF_TXN);
+    change32(&sn->comm_flg, 0, CF_TXN);
     LOG("%s: md txn obj_sz:%d hashsz:%d", "shkv_txn_start", get32(&sn->md_txn.obj_sz),
         get32(&sn->md_txn.hashsz));
     return 0;
@@ -111,7 +111,7 @@ int shkv_txn_abort(int handle)
     for (uint32_t i = 0; i < op.staged_cnt; i++)
         drop_staged(&op, &op.staged[i]);
     // Over. MD_TXN is taken away behind this store, so no one ever takes a cut table for staged.
-    put32(&op.sn->comm_flg, get32(&op.sn->comm_flg) & ~CF_TXN);
+    change32(&op.sn->comm_flg, CF_TXN, 0);
     txn_table_drop(&op);
     LOG("%s: aborted %d nodes", op.name, op.node_cnt);
     txn_finish_rebuild(op.head, op.closed); // its failure leaves it pending

@@ -199,7 +199,7 @@ int shkv_txn_commit(int handle, void *)
         return result;
     if (!(op.flg & CF_TXN_COMMIT)) {
         // From this store on the transaction will be applied: a write open that finds it goes on here.
-        put32(&op.sn->comm_flg, op.flg | CF_TXN_COMMIT);
+        change32(&op.sn->comm_flg, 0, CF_TXN_COMMIT);
     }
     for (uint32_t i = 0; i < op.staged_cnt; i++) {
         prefetch_first(&op, i + 8);
@@ -208,7 +208,7 @@ int shkv_txn_commit(int handle, void *)
             apply_first(&op, &op.staged[i], off);
     }
     // Over, with both bits in one store: nobody finds a commit to resume without a transaction.
-    put32(&op.sn->comm_flg, get32(&op.sn->comm_flg) & ~(CF_TXN | CF_TXN_COMMIT));
+    change32(&op.sn->comm_flg, CF_TXN | CF_TXN_COMMIT, 0);
     txn_table_drop(&op);
     LOG("%s: committed %d nodes (hashsz:%d)", op.name, op.node_cnt, op.staged_cnt);
     txn_finish_rebuild(op.head, op.closed); // its failure leaves it pending
