@@ -12,7 +12,8 @@
 // space. One that dies between 3 and 5 leaks the old record. Between 3 and 4 the refill bit is set,
 // and the next write open rebuilds the table from nothing.
 //
-// A store that is full grows here (add_room.cc), and the add starts over.
+// A store that is full grows here (add_room.cc), and the add starts over. While a reshape moves the
+// tables, the add is left to it (reshape/replay.cc), under wr_ksem.
 #include "shkv_intf/add.h"
 
 #include <errno.h>
@@ -21,6 +22,7 @@
 #include "diag/fail.h"
 #include "diag/log.h"
 #include "diag/trace.h"
+#include "reshape/replay.h"
 #include "shkv_hash/sbm.h"
 #include "shkv_intf/add_room.h"
 #include "shkv_intf/addr.h"
@@ -51,6 +53,7 @@ struct add_op {
     udn *node; // ready-made record, or null
     uint16_t mode;
     bool shared_map;
+    bool locked; // wr_ksem is held
 
     uint32_t flg; // comm_flg, read once; every decision goes by it
     writer_tables tables;
@@ -123,13 +126,16 @@ int check_sizes(const add_op *op_p)
     return 0;
 }
 
-// The store as it is now: state, mappings in step with it, tables in force.
+// The store as it is now: state, mappings in step with it, tables in force. Under a reshape that is
+// read anew with wr_ksem held.
 int take_snapshot(add_op *op_p)
 {
     op_p->flg = get32(&op_p->sn->comm_flg);
     if (op_p->flg & CF_DESTROYED)
         return fail(op_p->ring_p, 0x69, op_p->handle, EBADF,
                     "shkv_add, the db has been destroyed, shkvh:%d", op_p->handle);
+    if ((op_p->flg & CF_RESHAPE) && !op_p->locked)
+        return WRITE_BEHIND_LOCK;
     int result = check_hdmd_remap(op_p->head, op_p->flg, op_p->handle, 3, op_p->ring_p);
     if (result != 0)
         return fail(op_p->ring_p, 0x6A, result, result, "shkv_add failed in check_hdmd_remap %d", result);
@@ -142,14 +148,7 @@ int take_snapshot(add_op *op_p)
 // While a reshape moves the tables, writes are only noted, for the reshaper to replay.
 bool goes_to_interim(const add_op *op_p)
 {
-    return (op_p->flg & (CF_RESHAPE | CF_RESHAPE_DRAIN)) == CF_RESHAPE && op_p->mode != ADD_RESHAPE_OLD &&
-           op_p->mode != ADD_RESHAPE_NEW;
-}
-
-int put_interim(const add_op *op_p)
-{
-    void *ud_base = base_of(second_ud(&op_p->tables));
-    return ud_base ? shkv_interimlst_put(op_p->head, ud_base, op_p->key, op_p->value, INTRM_ADD) : ENOMEM;
+    return (op_p->flg & CF_RESHAPE) && op_p->mode != ADD_RESHAPE_OLD && op_p->mode != ADD_RESHAPE_NEW;
 }
 
 int choose_table(add_op *op_p)
@@ -318,8 +317,13 @@ int continue_rebuild(const add_op *op_p)
     return fail(nullptr, 0, 0, ENOMEM, "shkv_add out of actual mem.");
 }
 
+int make_room(const add_op *op_p)
+{
+    return add_make_room(op_p->head, op_p->flg, op_p->locked, op_p->ring_p);
+}
+
 // From the snapshot to the restored protection nothing else may change the store's tables: the one
-// writer, or wr_ksem in a CONF_MULTIWR store.
+// writer, or wr_ksem in a CONF_MULTIWR store and in a reshape.
 int add_locked(add_op *op_p)
 {
     int result;
@@ -329,13 +333,13 @@ int add_locked(add_op *op_p)
         if ((result = take_snapshot(op_p)) != 0)
             return result;
         if (goes_to_interim(op_p))
-            return put_interim(op_p);
+            return reshape_write(op_p->head, op_p->flg, op_p->key, op_p->value, INTRM_ADD);
         if ((result = choose_table(op_p)) != 0 || (result = find_old(op_p)) != 0 ||
             (result = lift_protection(op_p)) != 0)
             return result;
         if (take_record(op_p))
             break;
-        if ((result = add_make_room(op_p->head, op_p->flg, op_p->ring_p)) != 0) // tables may be others now
+        if ((result = make_room(op_p)) != 0) // tables may be others now
             return result;
     }
     if (!op_p->node && (result = fill_record(op_p)) != 0)
@@ -345,15 +349,30 @@ int add_locked(add_op *op_p)
     return wrap_up(op_p);
 }
 
-// With several writers, one at a time.
+// With several writers, and beside a reshaper, one at a time.
 int add_multi(add_op *op_p)
 {
     pthread_mutex_t *ksem_p = &op_p->sn->wr_ksem;
+    op_p->locked = true;
     if (kmutex_lock(ksem_p) == -1)
         return fail(nullptr, 0, 0, EFAULT, "%s,fail to get writer ksem ", "__shkv_add");
     int result = add_locked(op_p);
     if (pthread_mutex_unlock(ksem_p) == -1)
         return fail(nullptr, 0, 0, EFAULT, "%s,fail to get ksem ", "__shkv_add");
+    return result;
+}
+
+// The one writer needs no lock, but in a reshape, and while it carries a rebuild: a reshaper must
+// not lay hands on the same table. When a reshape has begun beside this add, its mover may have
+// passed the bucket by: the add is made once more, for it to see.
+int add_single(add_op *op_p)
+{
+    op_p->locked = false;
+    if (op_p->head->refill_pos != 0)
+        return add_multi(op_p);
+    int result = add_locked(op_p);
+    if (write_goes_on_locked(op_p->sn, result))
+        return add_multi(op_p);
     return result;
 }
 
@@ -376,7 +395,7 @@ int add_record(int handle, const shkv_buf *key, const shkv_buf *value, udn *node
         (result = check_sizes(&op)) != 0)
         return result;
     op.shared_map = is_shared_map(head);
-    return op.sn->conf_flg & CONF_MULTIWR ? add_multi(&op) : add_locked(&op);
+    return op.sn->conf_flg & CONF_MULTIWR ? add_multi(&op) : add_single(&op);
 }
 
 } // namespace

@@ -1,5 +1,8 @@
 // Out of space: the record space grows, then the table is rebuilt for it, or the rebuild is put off
 // to the end of a transaction. Nothing of the add itself has been published yet.
+//
+// All under wr_ksem. A reshaper prepares the idle table and space under it: without it, growth and
+// the reshaper could both take the same object for theirs. In a reshape nothing grows.
 #include "shkv_intf/add_room.h"
 
 #include <errno.h>
@@ -16,7 +19,7 @@
 // shkv_resize_md's; only "either bit" is ever tested. Intended.
 static void postpone_rebuild(supernode *sn, uint32_t flg)
 {
-    put32(&sn->comm_flg, get32(&sn->comm_flg) | (flg & CF_MD1 ? CF_REFILL1 : CF_REFILL2));
+    change32(&sn->comm_flg, 0, flg & CF_MD1 ? CF_REFILL1 : CF_REFILL2);
     LOG("postpone resizing MD as we are in txn\n");
 }
 
@@ -34,14 +37,8 @@ static int grow_space(shkv_head *head, void *ring_p)
     return 0;
 }
 
-int add_make_room(shkv_head *head, uint32_t flg, void *ring_p)
+static int grow_locked(shkv_head *head, uint32_t flg, void *ring_p)
 {
-    if (out_of_actual_mem) {
-        out_of_actual_mem = 0;
-        return fail(nullptr, 0, 0, ENOMEM, "shkv_add out of actual mem.");
-    }
-    if (head->sn->auto_rz == 0 || (head->access_mode & SHKV_AM_RESHAPE))
-        return ENOMEM;
     int result = grow_space(head, ring_p);
     if (result != 0)
         return result;
@@ -50,4 +47,26 @@ int add_make_room(shkv_head *head, uint32_t flg, void *ring_p)
     else if (shkv_resize_md(head) != 0)
         LOG("shkv_add: fail resize md but succeed                             resize ud, ignore and continue");
     return 0;
+}
+
+// A reshape may have begun while the lock was waited for.
+static int grow_under_lock(shkv_head *head, uint32_t flg, void *ring_p)
+{
+    pthread_mutex_t *ksem_p = &head->sn->wr_ksem;
+    if (kmutex_lock(ksem_p) != 0)
+        return fail(nullptr, 0, 0, EFAULT, "%s,fail to get writer ksem ", "__shkv_add");
+    int result = get32(&head->sn->comm_flg) == flg ? grow_locked(head, flg, ring_p) : 0;
+    pthread_mutex_unlock(ksem_p);
+    return result;
+}
+
+int add_make_room(shkv_head *head, uint32_t flg, bool locked, void *ring_p)
+{
+    if (out_of_actual_mem) {
+        out_of_actual_mem = 0;
+        return fail(nullptr, 0, 0, ENOMEM, "shkv_add out of actual mem.");
+    }
+    if (head->sn->auto_rz == 0 || (head->access_mode & SHKV_AM_RESHAPE) || (flg & CF_RESHAPE))
+        return ENOMEM;
+    return locked ? grow_locked(head, flg, ring_p) : grow_under_lock(head, flg, ring_p);
 }

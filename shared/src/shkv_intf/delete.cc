@@ -9,7 +9,7 @@
 // next write open rebuilds the table from nothing.
 //
 // In a transaction nothing is unlinked: a staged record is marked, a committed one gets a staged
-// tombstone. In a reshape the delete is only noted on the interim list.
+// tombstone. In a reshape the delete is left to it (reshape/replay.cc), under wr_ksem.
 #include "shkv_intf/delete.h"
 
 #include <assert.h>
@@ -18,9 +18,11 @@
 
 #include "diag/fail.h"
 #include "diag/trace.h"
+#include "reshape/replay.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/chain.h"
 #include "shkv_intf/obj_remap.h"
+#include "shkv_intf/refill.h"
 #include "shkv_intf/rehash.h"
 #include "shkv_intf/walk.h"
 #include "shkv_intf/wprot.h"
@@ -41,6 +43,7 @@ struct del_op {
     int handle;
     const shkv_buf *key;
     uint32_t mode;
+    bool locked; // wr_ksem is held
 
     uint32_t flg; // comm_flg, read once; every decision goes by it
     writer_tables tables;
@@ -80,6 +83,8 @@ int take_snapshot(del_op *op_p)
     if (op_p->flg & CF_DESTROYED)
         return fail(op_p->ring_p, 0x7C, op_p->handle, EBADF,
                     "shkv_del, the db has been destroyed, shkvh:%d", op_p->handle);
+    if ((op_p->flg & CF_RESHAPE) && !op_p->locked)
+        return WRITE_BEHIND_LOCK; // the snapshot is taken anew there
     int result = check_hdmd_remap(op_p->head, op_p->flg, op_p->handle, 3, op_p->ring_p);
     if (result != 0)
         return fail(op_p->ring_p, 0x7D, result, result, "shkv_delete, check_hdmd_remap failed %d", result);
@@ -92,15 +97,13 @@ int take_snapshot(del_op *op_p)
 // While a reshape moves the tables, writes are only noted, for the reshaper to replay.
 bool goes_to_interim(const del_op *op_p)
 {
-    return (op_p->flg & (CF_RESHAPE | CF_RESHAPE_DRAIN)) == CF_RESHAPE && op_p->mode != DEL_RESHAPE_OLD &&
-           op_p->mode != DEL_RESHAPE_NEW;
+    return (op_p->flg & CF_RESHAPE) && op_p->mode != DEL_RESHAPE_OLD && op_p->mode != DEL_RESHAPE_NEW;
 }
 
 int put_interim(const del_op *op_p)
 {
-    void *ud_base = base_of(second_ud(&op_p->tables));
     shkv_buf none = {nullptr, 0};
-    return ud_base ? shkv_interimlst_put(op_p->head, ud_base, op_p->key, &none, INTRM_DEL) : ENOMEM;
+    return reshape_write(op_p->head, op_p->flg, op_p->key, &none, INTRM_DEL);
 }
 
 int choose_table(del_op *op_p)
@@ -197,9 +200,10 @@ bool leave_txn_table(del_op *op_p)
 
 // The write begins behind the snapshot and ends with wrap_up, or before it where a result is
 // returned from the middle; nothing else may change the store's tables in between: the one writer,
-// or wr_ksem in a CONF_MULTIWR store.
+// or wr_ksem in a CONF_MULTIWR store and in a reshape.
 int delete_locked(del_op *op_p)
 {
+    refill_drop_if_lost(op_p->head);
     int result = take_snapshot(op_p);
     if (result != 0)
         return result;
@@ -224,15 +228,28 @@ int delete_locked(del_op *op_p)
     return wrap_up(op_p, ENOENT);
 }
 
-// With several writers, one at a time.
+// With several writers, and beside a reshaper, one at a time.
 int delete_multi(del_op *op_p)
 {
     pthread_mutex_t *ksem_p = &op_p->sn->wr_ksem;
+    op_p->locked = true;
     if (kmutex_lock(ksem_p) == -1)
         return fail(nullptr, 0, 0, EFAULT, "%s,fail to get write ksem ", "__shkv_delete");
     int result = delete_locked(op_p);
     if (pthread_mutex_unlock(ksem_p) == -1)
         return fail(nullptr, 0, 0, EFAULT, "%s,fail to post writer ksem ", "__shkv_delete");
+    return result;
+}
+
+// As with an add: a lock in a reshape and during a rebuild, and once more when a reshape has begun.
+int delete_single(del_op *op_p)
+{
+    op_p->locked = false;
+    if (op_p->head->refill_pos != 0)
+        return delete_multi(op_p);
+    int result = delete_locked(op_p);
+    if (write_goes_on_locked(op_p->sn, result))
+        return delete_multi(op_p);
     return result;
 }
 
@@ -251,7 +268,7 @@ int delete_record(int handle, const shkv_buf *key, uint32_t mode)
     int result = check_args(&op);
     if (result != 0)
         return result;
-    return op.sn->conf_flg & CONF_MULTIWR ? delete_multi(&op) : delete_locked(&op);
+    return op.sn->conf_flg & CONF_MULTIWR ? delete_multi(&op) : delete_single(&op);
 }
 
 } // namespace

@@ -50,6 +50,11 @@ static void *map_whole(shkv_head *head, int fd, uint32_t obj_sz, int prot, uint3
 static int bind_by_desc(shkv_head *head, const md_desc *desc_p, md_rec *rec_p)
 {
     uint16_t hashfn = get16(&desc_p->hashfn);
+    uint32_t user_hash = get32(&desc_p->user_hash);
+    // What the table's last contents were hashed with is not what these are.
+    if (hashfn == SHKV_USER_HASHFN && rec_p->hash_fn && user_hash &&
+        rec_p->hash_fn(SHKV_HASH_TEST, SHKV_HASH_TEST_LEN) != user_hash)
+        rec_p->hash_fn = nullptr;
     if (hashfn == SHKV_USER_HASHFN && !rec_p->hash_fn)
         return fail(ring_of(head->sn), 0x45, hashfn, 0,
                     "shkv_remap_mdobj,                 new user-hashfn used, the db has                 to be "

@@ -150,6 +150,16 @@ bool in_step(const shkv_head *head, const ud_map *ud, uint32_t ud_ver)
 
 } // namespace
 
+void refill_drop_if_lost(shkv_head *head)
+{
+    if (head->refill_pos == 0)
+        return;
+    bool ud1 = get32(&head->sn->comm_flg) & CF_UD1;
+    const ud_map *ud = ud1 ? head->ud1_map : head->ud2_map;
+    if (!in_step(head, ud, get32(ud1 ? &head->sn->ud1.obj_ver : &head->sn->ud2.obj_ver)))
+        head->refill_pos = 0;
+}
+
 int shkv_continue_refill_md(shkv_head *head, int handle, void *ring_p)
 {
     supernode *sn = head->sn;
@@ -159,14 +169,12 @@ int shkv_continue_refill_md(shkv_head *head, int handle, void *ring_p)
     if (!(f & (CF_MD1 | CF_MD2)))
         return fail(ring_p, 0xED, handle, EINVAL, "shkv_continue_refill_md can not identify MD");
     bool md1 = f & CF_MD1;
-    uint32_t n = md1 ? (f & ~CF_MD1) | CF_MD2 : (f & ~CF_MD2) | CF_MD1;
-    if (!(n & (CF_UD1 | CF_UD2)))
+    if (!(f & (CF_UD1 | CF_UD2)))
         return fail(ring_p, 0xED, handle, EINVAL, "shkv_continue_refill_md can not identify UD");
-    ud_map *ud = n & CF_UD1 ? head->ud1_map : head->ud2_map;
-    if (!in_step(head, ud, get32(n & CF_UD1 ? &sn->ud1.obj_ver : &sn->ud2.obj_ver))) {
-        head->refill_pos = 0;
+    ud_map *ud = f & CF_UD1 ? head->ud1_map : head->ud2_map;
+    refill_drop_if_lost(head);
+    if (head->refill_pos == 0)
         return 0;
-    }
     const md_desc *src = md1 ? &sn->md1 : &sn->md2, *dst = md1 ? &sn->md2 : &sn->md1;
     const md_rec *from = md1 ? &head->md1 : &head->md2, *to = md1 ? &head->md2 : &head->md1;
     int result = shkv_refill_hashtb(head, get32(&src->hashsz), get32(&dst->hashsz), from->hash_fn, from->base,
@@ -176,6 +184,6 @@ int shkv_continue_refill_md(shkv_head *head, int handle, void *ring_p)
     // The flip. Every record of the old table stands in the new one, whole chains of it; a reader
     // goes on in the old table or starts in the new one. Pairs with the snapshot of every operation.
     if (head->refill_pos == 0)
-        put32(&sn->comm_flg, n & ~(CF_REFILL1 | CF_REFILL2));
+        change32(&sn->comm_flg, (md1 ? CF_MD1 : CF_MD2) | CF_REFILL1 | CF_REFILL2, md1 ? CF_MD2 : CF_MD1);
     return 0;
 }

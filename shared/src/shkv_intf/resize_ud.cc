@@ -25,7 +25,6 @@ namespace {
 constexpr uint32_t MB_SHIFT = 20;
 constexpr uint32_t DOUBLE_BELOW = 300u << MB_SHIFT; // up to here a step doubles the space,
 constexpr uint32_t HALF_BELOW = 600u << MB_SHIFT;   // from there adds a half, from here a third
-constexpr uint32_t RESERVE = 93;                    // units behind ud_full after every growth
 
 struct grow_op {
     shkv_head *head;
@@ -37,12 +36,15 @@ struct grow_op {
     bool limited; // the service counts against the limit per uuid
 };
 
-// By size, not by comm_flg: the object that has one.
+// By size, not by comm_flg: the object that has one. Both have one behind a reshape that failed
+// before it began; then only the one in force has a header that may be read.
 int pick_space(grow_op *op_p)
 {
     supernode *sn = op_p->sn;
-    bool ud1 = get32(&sn->ud1.obj_sz) != 0;
-    if (!ud1 && get32(&sn->ud2.obj_sz) == 0)
+    bool ud1 = get32(&sn->ud1.obj_sz) != 0, ud2 = get32(&sn->ud2.obj_sz) != 0;
+    if (ud1 && ud2)
+        ud1 = get32(&sn->comm_flg) & CF_UD1;
+    if (!ud1 && !ud2)
         return fail(op_p->ring_p, 0xEF, 0, EINVAL, "can not identify ud in shkv_resize_ud");
     LOG(ud1 ? "%s: resize UD1" : "%s: resize UD2", "shkv_resize_ud");
     op_p->desc = ud1 ? &sn->ud1 : &sn->ud2;
@@ -160,7 +162,7 @@ int raise_header(grow_op *op_p)
     sbm *sbm_p = (sbm *)op_p->ud->map[0];
     uint32_t new_sz = op_p->old_sz + op_p->step, dn_sz = sbm_p->dn_sz;
     put32(&sbm_p->ud_end, new_sz - (new_sz - sbm_p->dn_base) % dn_sz);
-    int32_t full = (int32_t)(sbm_p->ud_end - RESERVE * dn_sz);
+    int32_t full = (int32_t)(sbm_p->ud_end - GROWN_RESERVE * dn_sz);
     if (full <= sbm_p->ud_full)
         return fail(op_p->ring_p, 0xF6, full, ENOMEM,
                     "shkv_resize_ud ud_full unchanged %d %d %d %d %d %d %d", sbm_p->ud_full, full,
