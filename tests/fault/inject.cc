@@ -125,7 +125,7 @@ int run_faulty(const scenario &scene, const prepared &state, outcome *out_p)
         if (!known.count(result))
             out_p->odd = result;
     }
-    if (handle > 0 && scene.act[0].kind != DESTROY && scene.act[0].kind != RESHAPE) {
+    if (handle > 0 && scene.act[0].kind != DESTROY && scene.act[0].kind != RESHAPE && scene.act[0].kind != CREATE) {
         for (const op &what : {op{ADD, 20, 20}, op{LOOKUP, 21, 21}}) {
             int result = run_op(handle, what);
             // A process may have lost its mapping; then it says so and the next one goes on.
@@ -144,7 +144,9 @@ std::string complaint(const scenario &scene, const prepared &state, int end, con
         return "gives " + std::to_string(out.odd);
     if (out.after)
         return "afterwards gives " + std::to_string(out.after);
-    if (scene.act[0].kind == CREATE && !out.done && target != UNLINK && target != OPEN &&
+    // Without the semaphore, or when it cannot unlink, a create cannot clean up.
+    bool can_clean = target != UNLINK && target != OPEN && !(target == SEM_WAIT && for_good);
+    if (scene.act[0].kind == CREATE && !out.done && can_clean &&
         take_snapshot().files.size() != state.at_rest.files.size())
         return "a failed create leaves a name";
     // The add of run_faulty may have gone through: the next process may find it, too.

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 
 #include "shkv_intf/obj_remap.h"
+#include "shkv_intf/sizing.h"
 #include "shkv_intf/word.h"
 
 // What the header promises; 0 when it is no header or its page cannot be had.
@@ -34,6 +35,15 @@ void raise_version(supernode *sn)
     put32(&desc_p->obj_ver, get32(&desc_p->obj_ver) + 1);
 }
 
+// A writer that died right behind ud_end has left the reserve where it was: without this the space
+// would be there and count as full.
+static void finish_header(sbm *sbm_p)
+{
+    int32_t full = (int32_t)(sbm_p->ud_end - GROWN_RESERVE * sbm_p->dn_sz);
+    if (full > sbm_p->ud_full)
+        put32((uint32_t *)&sbm_p->ud_full, (uint32_t)full);
+}
+
 int recover_growth(shkv_head *head, supernode *sn, uint32_t flg, uint32_t *err_p)
 {
     bool is_ud1 = flg & CF_UD1;
@@ -44,6 +54,7 @@ int recover_growth(shkv_head *head, supernode *sn, uint32_t flg, uint32_t *err_p
     if (end <= get32(&desc_p->obj_sz) || fstat(map_p->fd, &st) == -1 || (uint64_t)st.st_size < end ||
         (uint64_t)st.st_size > UINT32_MAX)
         return 1;
+    finish_header((sbm *)map_p->map[0]);
     put32(&desc_p->obj_sz, (uint32_t)st.st_size);
     // Publish. Object and size are there; readers remap by this. Pairs with get32 in remap_ud.
     put32(&desc_p->obj_ver, get32(&desc_p->obj_ver) + 1);
