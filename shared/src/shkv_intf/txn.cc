@@ -3,8 +3,9 @@
 // While CF_TXN is set the writer's adds and deletes go to the buckets of MD_TXN instead of the table
 // in force; the staged records themselves lie in the ordinary record space, so a commit copies
 // nothing. MD_TXN owns no link: it borrows the one of the idle table, md2_next while MD1 is in
-// force. So a record can stand in a staged chain and in the table in force at once, and a table
-// rebuild, which writes the idle link, never runs inside a transaction.
+// force. So a record can stand in a staged chain and in the table in force at once. A table rebuild
+// writes the idle link and its flip exchanges the two: growth inside a transaction puts it off to the
+// commit or the abort.
 //
 // A transaction is held in shared objects alone. It survives its handle and its writer; the next
 // writer finds itself inside it. Nothing here takes a lock: there is one writer.

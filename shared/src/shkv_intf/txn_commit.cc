@@ -11,8 +11,9 @@
 //   4. the record that was replaced or deleted, and the deletion mark, go to the hold list: behind 3,
 //      so that nothing the buckets still lead to is ever handed out
 //   5. CF_TXN and CF_TXN_COMMIT go in one store: the transaction is over
-//   6. MD_TXN is cut and a table rebuild that was put off is run
-// Readers run beside it and see any prefix of the changes.
+//   6. MD_TXN is cut; a table rebuild that is still pending is run
+// Readers run beside it and see any prefix of the changes. A rebuild that growth inside the
+// transaction has put off is run ahead of 1, while the transaction is open as before.
 #include "shkv_intf/txn.h"
 
 #include <string.h>
@@ -118,9 +119,9 @@ static bool __attribute__((noinline)) fill_copy(const txn_op *op_p, udn *copy, u
         memcpy((char *)copy + UDN_HEAD_SZ, (const char *)rec + UDN_HEAD_SZ, len);
     } else {
         char room[REC_VALUE_MAX];
-        if (shkv_dv_read(room, REC_KEY_MAX, ud_base, rec, REC_KEY, head, shared_map, 0, nullptr) != 0 ||
+        if (dv_read_quiet(room, REC_KEY_MAX, ud_base, rec, REC_KEY, head, shared_map, 0) != 0 ||
             shkv_dv_write(ud_base, copy, REC_KEY, room, rec->key_sz, head, shared_map, off) != 0 ||
-            shkv_dv_read(room, sizeof room, ud_base, rec, REC_VALUE, head, shared_map, 0, nullptr) != 0 ||
+            dv_read_quiet(room, sizeof room, ud_base, rec, REC_VALUE, head, shared_map, 0) != 0 ||
             shkv_dv_write(ud_base, copy, REC_VALUE, room, rec->val_sz, head, shared_map, off) != 0)
             return false;
     }
@@ -160,6 +161,8 @@ static void apply_first(txn_op *op_p, mdn *bucket, uint32_t off)
 {
     udn *rec = udn_at(op_p, off);
     uint32_t next = get32(chain_link_p(rec, !op_p->md1));
+    if (next)
+        __builtin_prefetch(udn_at(op_p, next), 1);
     bool deleted = get8(&rec->nd_flg) & UDN_DELETED;
     base_spot spot = find_base(op_p, rec);
     if (spot.found == rec) { // a resumed commit alone can meet this
@@ -198,6 +201,11 @@ int shkv_txn_commit(int handle, void *)
     if (done)
         return result;
     if (!(op.flg & CF_TXN_COMMIT)) {
+        // The rebuild comes first, because the table is too small for the space by now and every
+        // record would walk a long chain. A resumed commit has records linked already and leaves it
+        // to the end.
+        if ((op.flg & (CF_REFILL1 | CF_REFILL2)) && (result = txn_op_rebuild(&op)) != 0)
+            return result;
         // From this store on the transaction will be applied: a write open that finds it goes on here.
         change32(&op.sn->comm_flg, 0, CF_TXN_COMMIT);
     }

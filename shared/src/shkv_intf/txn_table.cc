@@ -14,6 +14,7 @@
 #include "diag/log.h"
 #include "diag/trace.h"
 #include "shkv_intf/addr.h"
+#include "shkv_intf/chain.h"
 #include "shkv_intf/obj_remap.h"
 #include "shkv_intf/proc.h"
 #include "shkv_intf/resize_md.h"
@@ -87,21 +88,32 @@ static int check_mapped(const txn_op *op_p)
     return act->hash_fn ? 0 : EINVAL;
 }
 
-static int begin_mapped(txn_op *op_p, int handle)
+// The tables in force by op_p->flg.
+static int bind_tables(txn_op *op_p)
 {
     shkv_head *head = op_p->head;
-    int result = check_hdmd_remap(head, op_p->flg, handle, PROT_READ | PROT_WRITE, ring_of(op_p->sn));
-    if (result != 0)
-        return result;
     active_db other = {};
+    op_p->db = {};
     get_active_db(&op_p->db, &other, head, op_p->flg);
-    if ((result = check_mapped(op_p)) != 0)
+    int result = check_mapped(op_p);
+    if (result != 0)
         return result;
     op_p->md1 = op_p->flg & CF_MD1;
     op_p->shared_map = is_shared_map(head);
     op_p->ud_base = op_p->db.ud->map[0];
     op_p->staged = head->md_txn.base;
     op_p->staged_cnt = get32(&op_p->sn->md_txn.hashsz);
+    return 0;
+}
+
+static int begin_mapped(txn_op *op_p, int handle)
+{
+    shkv_head *head = op_p->head;
+    int result = check_hdmd_remap(head, op_p->flg, handle, PROT_READ | PROT_WRITE, ring_of(op_p->sn));
+    if (result == 0)
+        result = bind_tables(op_p);
+    if (result != 0)
+        return result;
     op_p->closed = wprot_closed(head);
     return op_p->closed && wprot_lift(head, op_p->db.ud) != 0 ? EINVAL : 0;
 }
@@ -148,4 +160,22 @@ int txn_finish_rebuild(shkv_head *head, bool closed)
     if (closed && !wprot_closed(head) && wprot_asked(head))
         wprot_restore(head, get32(&head->sn->comm_flg) & CF_UD1 ? head->ud1_map : head->ud2_map);
     return result;
+}
+
+// The staged records are in no table yet, so their links for the table in force are free, and take a
+// copy of the staged ones; the rebuild writes the idle links of the others. Its flip exchanges the
+// two links for both at once. Cut short before the flip, the copies mean nothing.
+int txn_op_rebuild(txn_op *op_p)
+{
+    for (uint32_t i = 0; i < op_p->staged_cnt; i++) {
+        uint32_t off = get32(&op_p->staged[i].first_ptr);
+        while (off) {
+            udn *udn_p = (udn *)ud_addr(op_p->head, op_p->ud_base, off, op_p->shared_map);
+            off = get32(chain_link_p(udn_p, !op_p->md1));
+            put32(chain_link_p(udn_p, op_p->md1), off);
+        }
+    }
+    txn_finish_rebuild(op_p->head, false); // after a failure the old table is in force, as before
+    op_p->flg = get32(&op_p->sn->comm_flg);
+    return bind_tables(op_p);
 }

@@ -38,3 +38,6 @@ static inline bool txn_may_store(const shkv_head *head)
 // Finishes a table rebuild that is pending, without a time limit, and closes the record space again
 // when closed says that it was. 0 also when none is pending.
 int txn_finish_rebuild(shkv_head *head, bool closed);
+
+// The same inside an open transaction of which nothing has been applied yet. Finds the tables anew.
+int txn_op_rebuild(txn_op *op_p);
