@@ -193,21 +193,37 @@ int shkv_remap_mdobj(shkv_head *head, int obj_t, int prot, uint32_t *err_p)
     return result;
 }
 
+// 0 also where a caller's hash function is unknown: the operation goes on, and the space behind the
+// table is still brought in step. Intended.
+static int remap_table(shkv_head *head, int obj_t, int handle, int prot, void *ring_p)
+{
+    uint32_t err = 0;
+    if (shkv_remap_mdobj(head, obj_t, prot, &err))
+        return 0;
+    return fail(ring_p, 0x47, (uint32_t)handle, (int)err,
+                "check_hdmd_remap,                     can not remap the obj, shkvh:%d", handle);
+}
+
+static int remap_space(shkv_head *head, int obj_t, int handle, int prot, void *ring_p)
+{
+    uint32_t err = 0;
+    if (shkv_remap_mdobj(head, obj_t, prot, &err))
+        return 0;
+    return fail(ring_p, 0x48, (uint32_t)handle, (int)err,
+                "check_hdmd_remap,                     can not remap the ud, shkvh:%d", handle);
+}
+
 int remap_stale(shkv_head *head, uint32_t flg, int handle, int prot, void *ring_p)
 {
     supernode *sn = head->sn;
-    uint32_t err = 0; // stays 0 when a caller's function is unknown: the operation goes on. Intended
-    if ((flg & CF_MD1) && !md_in_step(&sn->md1, &head->md1) && !shkv_remap_mdobj(head, OBJ_MD1, prot, &err))
-        return fail(ring_p, 0x47, (uint32_t)handle, (int)err,
-                    "check_hdmd_remap,                     can not remap the obj, shkvh:%d", handle);
-    if ((flg & CF_MD2) && !md_in_step(&sn->md2, &head->md2) && !shkv_remap_mdobj(head, OBJ_MD2, prot, &err))
-        return fail(ring_p, 0x47, (uint32_t)handle, (int)err,
-                    "check_hdmd_remap,                     can not remap the obj, shkvh:%d", handle);
-    if ((flg & CF_UD1) && !ud_in_step(&sn->ud1, head->ud1_map) && !shkv_remap_mdobj(head, OBJ_UD1, prot, &err))
-        return fail(ring_p, 0x48, (uint32_t)handle, (int)err,
-                    "check_hdmd_remap,                     can not remap the ud, shkvh:%d", handle);
-    if ((flg & CF_UD2) && !ud_in_step(&sn->ud2, head->ud2_map) && !shkv_remap_mdobj(head, OBJ_UD2, prot, &err))
-        return fail(ring_p, 0x48, (uint32_t)handle, (int)err,
-                    "check_hdmd_remap,                     can not remap the ud, shkvh:%d", handle);
-    return 0;
+    int result = 0;
+    if ((flg & CF_MD1) && !md_in_step(&sn->md1, &head->md1))
+        result = remap_table(head, OBJ_MD1, handle, prot, ring_p);
+    if (result == 0 && (flg & CF_MD2) && !md_in_step(&sn->md2, &head->md2))
+        result = remap_table(head, OBJ_MD2, handle, prot, ring_p);
+    if (result == 0 && (flg & CF_UD1) && !ud_in_step(&sn->ud1, head->ud1_map))
+        result = remap_space(head, OBJ_UD1, handle, prot, ring_p);
+    if (result == 0 && (flg & CF_UD2) && !ud_in_step(&sn->ud2, head->ud2_map))
+        result = remap_space(head, OBJ_UD2, handle, prot, ring_p);
+    return result;
 }
