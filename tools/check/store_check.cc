@@ -397,8 +397,11 @@ void checker::run()
     space &new_ud = moving_ud ? spaces[ud1 ? 1 : 0] : ud;
     if (moving_md && new_ud.usable)
         check_table(md1 ? OBJ_MD2 : OBJ_MD1, new_ud, !md1, UNIT_USED);
-    if ((flg & CF_RESHAPE) && new_ud.usable)
+    // A list, once made, keeps its dead node for good.
+    if (new_ud.usable && ((flg & CF_RESHAPE) || new_ud.sbm_p->intrm_head))
         check_interim(new_ud);
+    if (report.interim && !(flg & CF_RESHAPE))
+        loose("{}: the interim list has records, and no reshape is under way", new_ud.name);
     if (flg & CF_TXN)
         check_table(OBJ_MD_TXN, ud, !md1, UNIT_STAGED);
     else if (!moving_md && (flg & (CF_REFILL1 | CF_REFILL2)))
