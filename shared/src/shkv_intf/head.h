@@ -9,11 +9,27 @@
 int shkv_set_heads(const shkv_head *local_p);
 void shkv_clear_head(int handle);
 
-// Private state of a handle that is not part of the exported head. Words with a table's name
-// belong to that md_rec; a slot's state is reset by shkv_set_heads.
-struct head_priv {
-    uint64_t recip[3];        // for MD1, MD2, MD_TXN: ceil(2^64 / hashsz), see bucket_of
-    uint32_t recip_hashsz[3]; // the hashsz that recip was made for; 0 when not made
+// What one handle knows of the tables in force, so that a lookup need not ask again: good while
+// comm_flg and the two versions are what they were (quick.h). One line of the cache.
+struct quick_view {
+    uint32_t flg;       // the snapshot it was made from
+    uint32_t md_ver;    // obj_ver of the table
+    uint32_t ud_ver;    // obj_ver of the record space
+    uint32_t md_ver_at; // where these two lie in the supernode. 0: no view, for magichead is never 0
+    uint32_t ud_ver_at;
+    uint32_t link_at;   // where in a record the table's link lies
+    uint32_t hashsz;
+    uint32_t limit;     // bytes of the record space that are mapped
+    uint64_t recip;     // ceil(2^64 / hashsz)
+    const mdn *md_base;
+    char *ud_base;
+    shkv_hash_fn hash_fn; // null for dekhash, the default
+};
+
+// Private state of a handle that is not part of the exported head. A slot's state is reset by
+// shkv_set_heads.
+struct alignas(64) head_priv {
+    quick_view view;
     uint32_t wprot;           // non-zero: this process's own UD mapping is read-only now
     uint32_t intrm_put_cnt;   // writes of a reshape since this writer last saw its list empty
     uint32_t resh_end;        // RESH_*: how far a reshaper's handle has come with its end (mover.h)

@@ -47,7 +47,6 @@ struct iter_op {
     uint32_t val_sz;
 };
 
-
 // ---- The way in ---------------------------------------------------------------------------------
 
 static int check_args(const iter_op *op_p, int reset)
@@ -55,10 +54,11 @@ static int check_args(const iter_op *op_p, int reset)
     const shkv_buf *key = op_p->key, *val = op_p->val;
     int shkvh = op_p->handle;
     if (!(op_p->head->access_mode & (SHKV_AM_WRITE | SHKV_AM_ITER | SHKV_AM_RESHAPE)))
-        return fail(op_p->ring_p, 0x8A, (uint32_t)shkvh, EINVAL, "shkv_iterate,not opened for SHKV_AM_ITER, shkvh:%d",
-                    shkvh);
+        return fail(op_p->ring_p, 0x8A, (uint32_t)shkvh, EINVAL,
+                    "shkv_iterate,not opened for SHKV_AM_ITER, shkvh:%d", shkvh);
     if ((!key || !val) && !op_p->pos && reset != 1)
-        return fail(op_p->ring_p, 0x8B, (uint32_t)shkvh, EINVAL, "shkv_iterate, all empty buffers, shkvh:%d", shkvh);
+        return fail(op_p->ring_p, 0x8B, (uint32_t)shkvh, EINVAL, "shkv_iterate, all empty buffers, shkvh:%d",
+                    shkvh);
     if (key && key->len != 0 && !key->ptr)
         return fail(op_p->ring_p, 0x8C, (uint32_t)shkvh, EINVAL, "shkv_iterate,key buffer is invalid,shkvh:%d",
                     shkvh);
@@ -91,12 +91,12 @@ static int take_snapshot(iter_op *op_p)
     int shkvh = op_p->handle;
     op_p->flg = get32(&op_p->sn->comm_flg);
     if (op_p->flg & CF_DESTROYED)
-        return fail(op_p->ring_p, 0x8E, (uint32_t)shkvh, EBADF, "shkv_iter, the db has been destroyed, shkvh:%d",
-                    shkvh);
+        return fail(op_p->ring_p, 0x8E, (uint32_t)shkvh, EBADF,
+                    "shkv_iter, the db has been destroyed, shkvh:%d", shkvh);
     // The truth is split between the tables and the interim list, which an iterator cannot merge.
     if ((op_p->flg & CF_RESHAPE) && !(op_p->head->access_mode & SHKV_AM_RESHAPE))
-        return fail(op_p->ring_p, 0x8F, (uint32_t)shkvh, EINVAL, "shkv_iter, slow path forbid iterate, shkvh:%d",
-                    shkvh);
+        return fail(op_p->ring_p, 0x8F, (uint32_t)shkvh, EINVAL,
+                    "shkv_iter, slow path forbid iterate, shkvh:%d", shkvh);
     int ret = check_hdmd_remap(op_p->head, op_p->flg, shkvh, PROT_READ, op_p->ring_p);
     if (ret != 0)
         return fail(op_p->ring_p, 0x90, (uint32_t)shkvh, ret, "shkv_iter, check_hdmd_remap fail %d", ret);
@@ -196,8 +196,8 @@ static int copy_part(const iter_op *op_p, shkv_buf *buf, int which)
 {
     uint32_t size = which == REC_KEY ? op_p->key_sz : op_p->val_sz;
     if (op_p->vector) {
-        int ret = shkv_dv_read(buf->ptr, buf->len, op_p->ud_base, op_p->udn_p, which, op_p->head, op_p->shared_map,
-                               op_p->limit, op_p->ring_p);
+        int ret = shkv_dv_read(buf->ptr, buf->len, op_p->ud_base, op_p->udn_p, which, op_p->head,
+                               op_p->shared_map, op_p->limit, op_p->ring_p);
         if (ret != 0)
             return ret;
     } else if (op_p->fixed && size) {

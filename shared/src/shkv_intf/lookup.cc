@@ -20,6 +20,7 @@
 #include "shkv_intf/chain.h"
 #include "shkv_intf/guard.h"
 #include "shkv_intf/obj_remap.h"
+#include "shkv_intf/quick.h"
 #include "shkv_intf/record.h"
 #include "shkv_intf/walk.h"
 
@@ -36,10 +37,10 @@ struct lookup_op {
     shkv_buf *value;
     uint32_t mode;
     void *ring_p;
-    bool last;      // no look is left: this answer stands
-    bool missed;    // a look of a reshape has met nothing
-    uint32_t flg;   // the snapshot of this look
-    bool two_uds;   // the secondary has a record space of its own
+    bool last;    // no look is left: this answer stands
+    bool missed;  // a look of a reshape has met nothing
+    uint32_t flg; // the snapshot of this look
+    bool two_uds; // the secondary has a record space of its own
     active_db prim;
     active_db sec;
 };
@@ -62,7 +63,8 @@ static int copy_fixed(const chain_walk *walk_p, shkv_buf *value)
 static int copy_vector(const chain_walk *walk_p, shkv_buf *value)
 {
     uint8_t cksum = 0;
-    if (!shkv_udn_checksum(walk_p->ud_base, walk_p->head, walk_p->udn_p, walk_p->limit, &cksum, walk_p->shared_map))
+    if (!shkv_udn_checksum(walk_p->ud_base, walk_p->head, walk_p->udn_p, walk_p->limit, &cksum,
+                           walk_p->shared_map))
         return ANSWER_BAD_CHAIN;
     if (cksum != MARKS_CKSUM(walk_p->marks))
         return ANSWER_BAD_CKSUM;
@@ -263,13 +265,14 @@ static int check_args(const lookup_op *op_p)
     const shkv_buf *key = op_p->key, *value = op_p->value;
     int shkvh = op_p->handle;
     if (!key || !value)
-        return fail(op_p->ring_p, 0x11, (uint32_t)shkvh, EINVAL, "shkv_lookup, has bad buffer, shkvh:%d", shkvh);
+        return fail(op_p->ring_p, 0x11, (uint32_t)shkvh, EINVAL, "shkv_lookup, has bad buffer, shkvh:%d",
+                    shkvh);
     if (key->len == 0 || !key->ptr)
         return fail(op_p->ring_p, 0x12, (uint32_t)shkvh, EINVAL, "shkv_lookup, key buffer size is 0, shkvh:%d",
                     shkvh);
     if (value->len != 0 && !value->ptr)
-        return fail(op_p->ring_p, 0x15, (uint32_t)shkvh, EINVAL, "shkv_lookup, value buffer is invalid, shkvh:%d",
-                    shkvh);
+        return fail(op_p->ring_p, 0x15, (uint32_t)shkvh, EINVAL,
+                    "shkv_lookup, value buffer is invalid, shkvh:%d", shkvh);
     return 0;
 }
 
@@ -282,7 +285,8 @@ static int look(lookup_op *op_p)
                     "shkv_lookup, the db has been destroyed, shkvh:%d", op_p->handle);
     int ret = check_hdmd_remap(op_p->head, op_p->flg, op_p->handle, PROT_READ, op_p->ring_p);
     if (ret != 0)
-        return fail(op_p->ring_p, 0x16, (uint32_t)op_p->handle, ret, "shkv_lookup, check_hdmd_remap failed %d", ret);
+        return fail(op_p->ring_p, 0x16, (uint32_t)op_p->handle, ret, "shkv_lookup, check_hdmd_remap failed %d",
+                    ret);
     op_p->prim = op_p->sec = {};
     op_p->two_uds = get_active_db(&op_p->prim, &op_p->sec, op_p->head, op_p->flg) == 1;
     if ((op_p->head->access_mode & SHKV_AM_WRITE) && (op_p->flg & CF_TXN))
@@ -321,8 +325,32 @@ int __shkv_lookup(int handle, const shkv_buf *key, shkv_buf *value, uint32_t mod
 
 // A stale mapping or a fault costs one retry, whose look brings the mapping in step. Nothing else
 // is tried again.
-int shkv_lookup(int handle, const shkv_buf *key, shkv_buf *value)
+static __attribute__((noinline)) int lookup_in_full(int handle, const shkv_buf *key, shkv_buf *value)
 {
     int ret = __shkv_lookup(handle, key, value, 0);
     return ret == ENOMEM ? __shkv_lookup(handle, key, value, 0) : ret;
+}
+
+int shkv_lookup(int handle, const shkv_buf *key, shkv_buf *value)
+{
+    // For the way back from a fault, which finds no other local as it was.
+    volatile int handle_arg = handle;
+    const shkv_buf *volatile key_arg = key;
+    shkv_buf *volatile value_arg = value;
+    if (LIKELY(guard_quick)) {
+        GUARD_ARM(in_full);
+        key = key_arg;
+        value = value_arg;
+        shkv_head *head = nullptr;
+        const quick_view *view_p = quick_view_of(handle_arg, &head);
+        if (LIKELY(view_p && quick_args_ok(key, value))) {
+            const char *key_p = (const char *)key->ptr;
+            uint32_t key_len = key->len;
+            if (LIKELY(quick_look(head, view_p, quick_bucket(view_p, key_p, key_len), key_p, key_len, value) ==
+                       0))
+                return 0;
+        }
+    }
+in_full:
+    return lookup_in_full(handle_arg, key_arg, value_arg);
 }

@@ -20,7 +20,8 @@ static int look(shkv_head *head, int shkvh, const shkv_buf *key, shkv_buf *value
     void *ring_p = ring_of(sn);
     uint32_t flg = get32(&sn->comm_flg);
     if (flg & CF_DESTROYED) // the message names add; intended
-        return fail(ring_p, 0x10, (uint32_t)shkvh, EBADF, "shkv_add, the db has been destroyed, shkvh:%d", shkvh);
+        return fail(ring_p, 0x10, (uint32_t)shkvh, EBADF, "shkv_add, the db has been destroyed, shkvh:%d",
+                    shkvh);
     int ret = check_hdmd_remap(head, flg, shkvh, PROT_READ, ring_p);
     if (ret != 0)
         return fail(ring_p, 0x74, (uint32_t)shkvh, ret, "shkv_lookup, check_hdmd_remap failed %d", ret);

@@ -41,7 +41,8 @@ struct dv_stop {
 };
 
 // The unit that a value starts in, from its val_off; null when that leads outside.
-static const udn *value_unit(const void *ud_base, uint32_t val_off, shkv_head *head, bool shared_map, uint32_t limit)
+static const udn *value_unit(const void *ud_base, uint32_t val_off, shkv_head *head, bool shared_map,
+                             uint32_t limit)
 {
     uint32_t unit_off = val_off - val_off % VEC_UNIT_SZ;
     if (!dv_unit_ok(ud_base, unit_off, limit))

@@ -1,0 +1,167 @@
+// The quick look: an ordinary hit of a fixed-mode store, in one piece of code without a call.
+//
+// It serves the common state only: fixed records, no reshape, no transaction of this handle's own,
+// all mappings in step. Whatever else it meets - a miss, a bad argument, too little room, a bad
+// checksum, a record that does not vouch for its answer - it leaves to the full lookup, which
+// begins anew and says what there is to say. So nothing here writes a line or an event.
+#pragma once
+#include <string.h>
+#include "shkv.h"
+#include "shkv_hash/checksum.h"
+#include "shkv_hash/hash_fn.h"
+#include "shkv_intf/head.h"
+#include "shkv_intf/record.h"
+#include "shkv_intf/walk.h"
+#include "shkv_intf/word.h"
+
+#define QUICK_DEPTH 16u // records of one chain; longer ones are the full lookup's
+#define QUICK_NO (-1)
+#define QUICK_INLINE static inline __attribute__((always_inline))
+#define LIKELY(cond) __builtin_expect(!!(cond), 1)
+#define UNLIKELY(cond) __builtin_expect(!!(cond), 0)
+
+// Makes the view of a handle anew, when the store is in a state that the quick look serves.
+bool quick_make_view(shkv_head *head, quick_view *view_p) __attribute__((noinline));
+
+// The view in force of a handle, or null. The handle's check is that of check_shkv_hdl.
+QUICK_INLINE const quick_view *quick_view_of(int handle, shkv_head **head_out)
+{
+    uint32_t slot = (uint32_t)handle - 1;
+    if (UNLIKELY(slot >= HEADS))
+        return nullptr;
+    shkv_head *head = *head_out = &shkv_db_heads[slot];
+    quick_view *view_p = &head_privs[slot].view;
+    const char *sn = (const char *)head->sn;
+    if (UNLIKELY(!sn || !head->access_mode))
+        return nullptr;
+    asm("" : "+r"(view_p)); // keep the address; it is dearer to work out again
+    if (UNLIKELY(get32(&head->sn->comm_flg) != view_p->flg ||
+                 get32((const uint32_t *)(const void *)(sn + view_p->md_ver_at)) != view_p->md_ver ||
+                 get32((const uint32_t *)(const void *)(sn + view_p->ud_ver_at)) != view_p->ud_ver) &&
+        !quick_make_view(head, view_p))
+        return nullptr;
+    return view_p;
+}
+
+QUICK_INLINE bool quick_args_ok(const shkv_buf *key, const shkv_buf *value)
+{
+    return LIKELY(key && key->ptr && key->len && key->len <= REC_KEY_MAX && value &&
+                  (value->ptr || !value->len));
+}
+
+// hash % hashsz without a division: the low half of recip * hash is the fraction that hash leaves,
+// in units of 2^-64. Exact for every hash and every hashsz of 32 bits.
+QUICK_INLINE uint32_t bucket_by_recip(uint32_t hash, uint64_t recip, uint32_t hashsz)
+{
+    return (uint32_t)((unsigned __int128)(recip * hash) * hashsz >> 64);
+}
+
+// The lengths of most keys get code of their own.
+QUICK_INLINE uint32_t quick_hash(const char *key_p, uint32_t key_len)
+{
+    if (LIKELY(key_len == 16))
+        return dekhash_inline(key_p, 16);
+    return key_len == 8 ? dekhash_inline(key_p, 8) : dekhash(key_p, key_len);
+}
+
+QUICK_INLINE const mdn *quick_bucket(const quick_view *view_p, const char *key_p, uint32_t key_len)
+{
+    shkv_hash_fn hash_fn = view_p->hash_fn;
+    uint32_t hash = LIKELY(!hash_fn) ? quick_hash(key_p, key_len) : hash_fn(key_p, key_len);
+    return view_p->md_base + bucket_by_recip(hash, view_p->recip, view_p->hashsz);
+}
+
+// Where a quick walk stands when it has found the key.
+struct quick_hit {
+    const udn *udn_p; // null when it has not
+    uint32_t off;
+    uint32_t off_max; // a record above it has its head or its key outside the mapping
+    uint32_t sizes;
+    uint32_t depth; // records before it
+};
+
+QUICK_INLINE bool quick_equal(const void *a, const void *b, uint32_t len)
+{
+    const char *a_p = (const char *)a, *b_p = (const char *)b;
+    if (LIKELY(len - 8 <= 8)) // 8 to 16, in two words that may overlap
+        return ((load64(a_p) ^ load64(b_p)) | (load64(a_p + len - 8) ^ load64(b_p + len - 8))) == 0;
+    return memcmp(a_p, b_p, len) == 0;
+}
+
+QUICK_INLINE void quick_copy(void *dst, const void *src, uint32_t len)
+{
+    typedef long long v16 __attribute__((vector_size(16), aligned(1), may_alias));
+    char *dst_p = (char *)dst;
+    const char *src_p = (const char *)src;
+    if (LIKELY(len - 16 <= 16)) {
+        v16 head = *(const v16 *)(const void *)src_p, tail = *(const v16 *)(const void *)(src_p + len - 16);
+        *(v16 *)(void *)dst_p = head;
+        *(v16 *)(void *)(dst_p + len - 16) = tail;
+    } else if (len - 8 <= 8) {
+        uint64_t head = load64(src_p), tail = load64(src_p + len - 8);
+        memcpy(dst_p, &head, 8);
+        memcpy(dst_p + len - 8, &tail, 8);
+    } else if (len) {
+        memcpy(dst_p, src_p, len);
+    }
+}
+
+// One walk for a key of at most REC_KEY_MAX bytes. A record counts only if its head and a key of this length
+// lie in the mapping.
+QUICK_INLINE quick_hit quick_find(const quick_view *view_p, const mdn *bucket, const char *key_p,
+                                  uint32_t key_len)
+{
+    quick_hit hit = {};
+    hit.off_max = view_p->limit - UDN_HEAD_SZ - key_len;
+    hit.off = get32(&bucket->first_ptr);
+    for (; hit.off != 0 && hit.off <= hit.off_max && hit.depth < QUICK_DEPTH; hit.depth++) {
+        const udn *udn_p = (const udn *)(const void *)(view_p->ud_base + hit.off);
+        hit.sizes = udn_sizes(udn_p);
+        if ((hit.sizes & 0xffff) == key_len && quick_equal((const char *)udn_p + UDN_HEAD_SZ, key_p, key_len)) {
+            hit.udn_p = udn_p;
+            return hit;
+        }
+        hit.off = get32((const uint32_t *)(const void *)((const char *)udn_p + view_p->link_at));
+    }
+    return hit;
+}
+
+// What walk_still_holds asks, along the way that the walk took, and that the table is still the one
+// of the snapshot: a record of a table that was left behind is reused with its links standing.
+QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, uint32_t flg, const mdn *bucket,
+                              const quick_hit *hit_p, uint32_t marks)
+{
+    // The loads that gave the answer stay ahead of those that vouch for it.
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    uint32_t off = get32(&bucket->first_ptr);
+    for (uint32_t left = hit_p->depth; left; left--) {
+        if (UNLIKELY(off == 0 || off > hit_p->off_max))
+            return false;
+        off = get32((const uint32_t *)(const void *)(view_p->ud_base + off + view_p->link_at));
+    }
+    uint32_t changed = (off ^ hit_p->off) | (udn_sizes(hit_p->udn_p) ^ hit_p->sizes) |
+                       (udn_marks(hit_p->udn_p) ^ marks) | (get32(&head->sn->comm_flg) ^ flg);
+    return LIKELY(changed == 0);
+}
+
+// The whole hit: 0, or QUICK_NO.
+QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
+                            const char *key_p, uint32_t key_len, shkv_buf *value)
+{
+    uint32_t flg = view_p->flg;
+    quick_hit hit = quick_find(view_p, bucket, key_p, key_len);
+    if (UNLIKELY(!hit.udn_p))
+        return QUICK_NO;
+    uint32_t marks = udn_marks(hit.udn_p), val_sz = hit.sizes >> 16, size = key_len + val_sz;
+    const char *data_p = (const char *)hit.udn_p + UDN_HEAD_SZ;
+    uint64_t end = (uint64_t)hit.off + UDN_HEAD_SZ + size;
+    if (UNLIKELY((marks & MARKS_DELETED) || val_sz > value->len || end > view_p->limit))
+        return QUICK_NO;
+    if (UNLIKELY(data_cksum_inline(data_p, size) != MARKS_CKSUM(marks)))
+        return QUICK_NO;
+    quick_copy(value->ptr, data_p + key_len, val_sz);
+    if (UNLIKELY(!quick_holds(head, view_p, flg, bucket, &hit, marks)))
+        return QUICK_NO;
+    value->len = val_sz;
+    return 0;
+}
