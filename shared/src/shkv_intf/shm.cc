@@ -2,7 +2,8 @@
 //
 // The library does not link the real-time library: each of the two calls loads it by hand, once.
 // Today's C library takes a name with one slash only, so a name inside a directory, which all of
-// ours are, comes back with EINVAL; then the object is opened or unlinked as the file that it is.
+// ours are, comes back with EINVAL (from an unlink with ENOENT); then the object is opened or
+// unlinked as the file that it is.
 #include "shkv_intf/shm.h"
 
 #include <assert.h>
@@ -21,7 +22,7 @@ typedef int (*shm_unlink_fn)(const char *path);
 // True when the C library has refused a name for its second slash; out gets the file's path.
 static bool as_file(const char *path, int result, char *out, size_t out_sz)
 {
-    if (result != -1 || errno != EINVAL || path[0] != '/' || !strchr(path + 1, '/'))
+    if (result != -1 || (errno != EINVAL && errno != ENOENT) || path[0] != '/' || !strchr(path + 1, '/'))
         return false;
     int len = snprintf(out, out_sz, "/dev/shm%s", path);
     return len > 0 && (size_t)len < out_sz;
