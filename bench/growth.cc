@@ -42,19 +42,29 @@ int __real_ftruncate(int fd, off_t len);
 void *__real_mmap(void *at, size_t len, int prot, int flags, int fd, off_t off);
 int __real_munmap(void *at, size_t len);
 void *__real_memset(void *at, int byte, size_t len);
-int __wrap_ftruncate(int fd, off_t len) { return counted(FTRUNCATE, [=] { return __real_ftruncate(fd, len); }); }
+int __wrap_ftruncate(int fd, off_t len)
+{
+    return counted(FTRUNCATE, [=] { return __real_ftruncate(fd, len); });
+}
 void *__wrap_mmap(void *at, size_t len, int prot, int flags, int fd, off_t off)
 {
     return counted(MMAP, [=] { return __real_mmap(at, len, prot, flags, fd, off); });
 }
-int __wrap_munmap(void *at, size_t len) { return counted(MUNMAP, [=] { return __real_munmap(at, len); }); }
+int __wrap_munmap(void *at, size_t len)
+{
+    return counted(MUNMAP, [=] { return __real_munmap(at, len); });
+}
 void *__wrap_memset(void *at, int byte, size_t len)
 {
-    return len < 4096 ? __real_memset(at, byte, len) : counted(MEMSET, [=] { return __real_memset(at, byte, len); });
+    return len < 4096 ? __real_memset(at, byte, len)
+                      : counted(MEMSET, [=] { return __real_memset(at, byte, len); });
 }
 }
 
-static double us(uint64_t t) { return static_cast<double>(t) * ns_per_tick() / 1000; }
+static double us(uint64_t t)
+{
+    return static_cast<double>(t) * ns_per_tick() / 1000;
+}
 
 static int create_store(const char *name, uint32_t entries)
 {
@@ -132,7 +142,8 @@ static json run_adds(uint32_t cnt, int rounds)
         order[i] = i;
     const size_t shown = std::min(cnt, 16u);
     const std::vector<uint32_t> times = best;
-    std::partial_sort(order.begin(), order.begin() + shown, order.end(), [&](uint32_t a, uint32_t b) { return times[a] > times[b]; });
+    std::partial_sort(order.begin(), order.begin() + shown, order.end(),
+                      [&](uint32_t a, uint32_t b) { return times[a] > times[b]; });
     for (size_t i = 0; i < shown; i++)
         watched[order[i]] = {};
     for (int r = 0; r < rounds; r++)
@@ -142,7 +153,8 @@ static json run_adds(uint32_t cnt, int rounds)
 
     json out = {{"adds", cnt}, {"from", 1000}, {"rounds", rounds}};
     printf("%u adds into a store created for 1,000, each one's best of %d rounds\n", cnt, rounds);
-    for (const auto &[name, share] : {std::pair("p50", .5), {"p99", .99}, {"p99.9", .999}, {"p99.99", .9999}, {"max", 1.}}) {
+    for (const auto &[name, share] :
+         {std::pair("p50", .5), {"p99", .99}, {"p99.9", .999}, {"p99.99", .9999}, {"max", 1.}}) {
         const double at = us(sorted[std::min<size_t>(cnt - 1, static_cast<size_t>(share * cnt))]);
         out[std::string(name) + "_us"] = at;
         printf("  %-8s %10.2f us\n", name, at);
@@ -180,8 +192,8 @@ static double median(std::vector<double> v)
 static json run_txn(uint32_t changes, int rounds)
 {
     json out;
-    printf("%u changes, ms (median of %d)\n%-10s %12s %12s %12s %12s %14s\n", changes, rounds, "", "plain adds", "staging",
-           "commit", "both", "commit/plain");
+    printf("%u changes, ms (median of %d)\n%-10s %12s %12s %12s %12s %14s\n", changes, rounds, "", "plain adds",
+           "staging", "commit", "both", "commit/plain");
     for (const bool inserts : {true, false}) {
         std::vector<double> plain, staged, commit;
         for (int r = 0; r < rounds; r++)
@@ -220,7 +232,7 @@ enum phase { BEFORE, DURING, AFTER, PHASES, ENDED };
 static const char *const phase_names[] = {"before", "during", "after"};
 
 struct watch {
-    uint32_t phase;  // the parent moves it on
+    uint32_t phase; // the parent moves it on
     struct {
         uint64_t ops, bad, ticks;
         hist lat;
@@ -274,7 +286,9 @@ static json reshape_beside(uint32_t n, bool writer)
         });
         return handle != 0;
     });
-    const auto move_on = [&](phase to) { __atomic_store_n(&w->phase, static_cast<uint32_t>(to), __ATOMIC_RELEASE); };
+    const auto move_on = [&](phase to) {
+        __atomic_store_n(&w->phase, static_cast<uint32_t>(to), __ATOMIC_RELEASE);
+    };
     double secs[PHASES], at = wall_s();
     usleep(1000000);
     secs[BEFORE] = wall_s() - at, at = wall_s();
@@ -293,16 +307,20 @@ static json reshape_beside(uint32_t n, bool writer)
     // The close of a reshape sleeps for one second; it is no part of the moving.
     const double moved = n / std::max(1e-9, secs[DURING] - 1);
     json out = {{"result", result}, {"children_ended_well", good}, {"records", n}, {"records_a_second", moved}};
-    printf("%s beside a reshape of %u records: result %d, %.0f records moved a second\n", writer ? "the writer" : "a reader", n,
-           result, moved);
-    printf("%10s %14s %10s %10s %10s %12s %8s\n", "", "ops/s", "p50 ns", "p99 ns", "p99.9 ns", "worst us", "failed");
+    printf("%s beside a reshape of %u records: result %d, %.0f records moved a second\n",
+           writer ? "the writer" : "a reader", n, result, moved);
+    printf("%10s %14s %10s %10s %10s %12s %8s\n", "", "ops/s", "p50 ns", "p99 ns", "p99.9 ns", "worst us",
+           "failed");
     for (int p = 0; p < PHASES; p++) {
         const auto &s = w->at[p];
-        printf("%10s %14.0f %10.0f %10.0f %10.0f %12.1f %8lu\n", phase_names[p], static_cast<double>(s.ops) / secs[p],
-               s.lat.percentile_ns(.5), s.lat.percentile_ns(.99), s.lat.percentile_ns(.999), us(s.lat.max),
-               static_cast<unsigned long>(s.bad));
-        out[phase_names[p]] = {{"ops_a_second", static_cast<double>(s.ops) / secs[p]}, {"p50_ns", s.lat.percentile_ns(.5)},
-                               {"p99_ns", s.lat.percentile_ns(.99)}, {"worst_us", us(s.lat.max)}, {"failed", s.bad}};
+        printf("%10s %14.0f %10.0f %10.0f %10.0f %12.1f %8lu\n", phase_names[p],
+               static_cast<double>(s.ops) / secs[p], s.lat.percentile_ns(.5), s.lat.percentile_ns(.99),
+               s.lat.percentile_ns(.999), us(s.lat.max), static_cast<unsigned long>(s.bad));
+        out[phase_names[p]] = {{"ops_a_second", static_cast<double>(s.ops) / secs[p]},
+                               {"p50_ns", s.lat.percentile_ns(.5)},
+                               {"p99_ns", s.lat.percentile_ns(.99)},
+                               {"worst_us", us(s.lat.max)},
+                               {"failed", s.bad}};
     }
     return out;
 }
@@ -313,7 +331,8 @@ int main(int argc, char **argv)
     int rounds = 5;
     std::string what, file;
     CLI::App app("What growth, a transaction and a reshape cost a store in use");
-    app.add_option("what", what, "adds, txn or reshape; all without")->check(CLI::IsMember({"adds", "txn", "reshape"}));
+    app.add_option("what", what, "adds, txn or reshape; all without")
+        ->check(CLI::IsMember({"adds", "txn", "reshape"}));
     app.add_option("--adds", adds, "records to grow to");
     app.add_option("--changes", changes, "changes of a transaction");
     app.add_option("--records", records, "records of the store to reshape");

@@ -4,20 +4,20 @@
 #include <stdint.h>
 
 struct peer_cfg {
-    const char *dir;   // a folder of its own on tmpfs; its last part serves as a name
-    uint32_t entries;  // records planned for; a store that grows may be given fewer
-    uint32_t key_sz;   // largest
-    uint32_t val_sz;   // largest
-    bool vector;       // values of many sizes
-    bool shared;       // other processes use the store at the same time
+    const char *dir;  // a folder of its own on tmpfs; its last part serves as a name
+    uint32_t entries; // records planned for; a store that grows may be given fewer
+    uint32_t key_sz;  // largest
+    uint32_t val_sz;  // largest
+    bool vector;      // values of many sizes
+    bool shared;      // other processes use the store at the same time
 };
 
 enum peer_trait : unsigned {
-    PEER_SHARED = 1,   // readers in other processes work beside a writer
-    PEER_KEPT = 2,     // outlives the process, so that one can attach
-    PEER_REMOTE = 4,   // a server does the work: wall time counts, not this thread's CPU time
-    PEER_GROWS = 8,    // a store planned too small stays usable
-    PEER_FLOOR = 16,   // a bare probe: no checks, no API
+    PEER_SHARED = 1, // readers in other processes work beside a writer
+    PEER_KEPT = 2,   // outlives the process, so that one can attach
+    PEER_REMOTE = 4, // a server does the work: wall time counts, not this thread's CPU time
+    PEER_GROWS = 8,  // a store planned too small stays usable
+    PEER_FLOOR = 16, // a bare probe: no checks, no API
 };
 
 enum peer_how { PEER_CREATE, PEER_READ, PEER_WRITE };
@@ -27,7 +27,7 @@ typedef void (*peer_visit)(void *arg, const void *key, uint32_t key_sz, const vo
 struct peer {
     const char *name;
     unsigned traits;
-    void *(*open)(const peer_cfg &cfg, peer_how how);  // null when it fails
+    void *(*open)(const peer_cfg &cfg, peer_how how); // null when it fails
     void (*close)(void *store, bool drop);
     // Bytes of the value, -1 for none; a copy, so that it stays good.
     int (*lookup)(void *store, const void *key, uint32_t key_sz, void *out, uint32_t room);
@@ -39,7 +39,7 @@ struct peer {
     // cnt (at most 32) keys of key_sz bytes in a row; value i goes to out + i * room.
     void (*group)(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes,
                   uint32_t cnt);
-    void (*bulk)(void *store, bool begin);  // writes in between are taken together
+    void (*bulk)(void *store, bool begin); // writes in between are taken together
 };
 
 extern const peer peer_shkv, peer_probe_plain, peer_probe_tuned, peer_lmdb, peer_tdb, peer_tkrzw_hash,

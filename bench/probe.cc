@@ -22,9 +22,9 @@
 // First page of the mapping; the buckets follow, then the record space.
 struct probe_head {
     uint32_t hashsz;
-    uint32_t unit_sz;  // node or unit
+    uint32_t unit_sz; // node or unit
     uint32_t vector;
-    uint32_t tail;     // first never-used offset
+    uint32_t tail; // first never-used offset
     uint32_t end;
     uint32_t free_head;
     uint64_t map_sz;
@@ -35,18 +35,31 @@ struct probe {
     mdn *bkt;
     char *ud;
     uint32_t hashsz;
-    uint64_t recip;  // of hashsz
+    uint64_t recip; // of hashsz
     char path[300];
 };
 
 // The store's bucket counts; the library's own table is not used, so that the probe stands alone.
-static const uint32_t primes[] = {31,     61,     113,    223,     443,     883,     1759,    3517,    7027,   14051,
-                                  28099,  56197,  112363, 224717,  449419,  898823,  1797641, 3595271, 7190537, 14381041};
+static const uint32_t primes[] = {31,     61,     113,     223,     443,     883,     1759,
+                                  3517,   7027,   14051,   28099,   56197,   112363,  224717,
+                                  449419, 898823, 1797641, 3595271, 7190537, 14381041};
 
-static inline uint32_t get32(const uint32_t *word_p) { return __atomic_load_n(word_p, __ATOMIC_ACQUIRE); }
-static inline void put32(uint32_t *word_p, uint32_t val) { __atomic_store_n(word_p, val, __ATOMIC_RELEASE); }
-static inline udn *rec_at(const probe *p, uint32_t off) { return reinterpret_cast<udn *>(p->ud + off); }
-static inline uint32_t rotl32(uint32_t v, unsigned n) { return v << n | v >> (32 - n); }
+static inline uint32_t get32(const uint32_t *word_p)
+{
+    return __atomic_load_n(word_p, __ATOMIC_ACQUIRE);
+}
+static inline void put32(uint32_t *word_p, uint32_t val)
+{
+    __atomic_store_n(word_p, val, __ATOMIC_RELEASE);
+}
+static inline udn *rec_at(const probe *p, uint32_t off)
+{
+    return reinterpret_cast<udn *>(p->ud + off);
+}
+static inline uint32_t rotl32(uint32_t v, unsigned n)
+{
+    return v << n | v >> (32 - n);
+}
 
 template <class T> static inline T load(const void *at)
 {
@@ -93,7 +106,8 @@ template <bool tuned> static inline bool equal(const void *a_p, const void *b_p,
     const char *a = static_cast<const char *>(a_p), *b = static_cast<const char *>(b_p);
     if constexpr (tuned) {
         if (len >= 8 && len <= 16)
-            return ((load<uint64_t>(a) ^ load<uint64_t>(b)) | (load<uint64_t>(a + len - 8) ^ load<uint64_t>(b + len - 8))) == 0;
+            return ((load<uint64_t>(a) ^ load<uint64_t>(b)) |
+                    (load<uint64_t>(a + len - 8) ^ load<uint64_t>(b + len - 8))) == 0;
     }
     return memcmp(a, b, len) == 0;
 }
@@ -123,7 +137,8 @@ template <bool tuned> static inline uint8_t checksum(const void *data, uint32_t 
     if constexpr (tuned) {
         if (len > 8) {
             const uint32_t step = len / 8;
-            acc = p[0] ^ p[step] ^ p[2 * step] ^ p[3 * step] ^ p[4 * step] ^ p[5 * step] ^ p[6 * step] ^ p[len - 1];
+            acc = p[0] ^ p[step] ^ p[2 * step] ^ p[3 * step] ^ p[4 * step] ^ p[5 * step] ^ p[6 * step] ^
+                  p[len - 1];
             for (uint32_t at = 7 * step; at + step < len; at += step)
                 acc ^= p[at];
             return acc;
@@ -214,7 +229,8 @@ static inline udn *find(const probe *p, const mdn *bkt, const void *key, uint32_
     return nullptr;
 }
 
-template <bool tuned> static inline int take_value(const probe *p, udn *rec, uint32_t key_sz, void *out, uint32_t room)
+template <bool tuned>
+static inline int take_value(const probe *p, udn *rec, uint32_t key_sz, void *out, uint32_t room)
 {
     const uint32_t val_sz = rec->val_sz;
     if (val_sz > room)
@@ -247,7 +263,8 @@ template <bool tuned> static int lookup(void *store, const void *key, uint32_t k
 template <bool tuned> static const void *lite(void *store, const void *key, uint32_t key_sz, uint32_t *val_sz)
 {
     const probe *p = static_cast<probe *>(store);
-    udn *prev, *rec = find<tuned, false>(p, bucket_of<tuned>(p, hash_key<tuned>(key, key_sz)), key, key_sz, &prev);
+    udn *prev,
+        *rec = find<tuned, false>(p, bucket_of<tuned>(p, hash_key<tuned>(key, key_sz)), key, key_sz, &prev);
     if (!rec)
         return nullptr;
     *val_sz = rec->val_sz;
@@ -255,7 +272,8 @@ template <bool tuned> static const void *lite(void *store, const void *key, uint
 }
 
 // All buckets asked for, then all first records, then the walks: the misses of a group overlap.
-static void group(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes, uint32_t cnt)
+static void group(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes,
+                  uint32_t cnt)
 {
     const probe *p = static_cast<probe *>(store);
     const mdn *bkt[32];
@@ -311,9 +329,11 @@ static bool store(void *store_p, const void *key, uint32_t key_sz, const void *v
     probe *p = static_cast<probe *>(store_p);
     const bool vector = p->head->vector;
     mdn *bkt = bucket_of<tuned>(p, hash_key<tuned>(key, key_sz));
-    udn *prev, *old = vector ? find<tuned, true>(p, bkt, key, key_sz, &prev) : find<tuned, false>(p, bkt, key, key_sz, &prev);
+    udn *prev, *old = vector ? find<tuned, true>(p, bkt, key, key_sz, &prev)
+                             : find<tuned, false>(p, bkt, key, key_sz, &prev);
     const uint32_t size = key_sz + val_sz, first_room = VEC_UNIT_SZ - VEC_HEAD_SZ;
-    const uint32_t units = !vector || size <= first_room ? 1 : 1 + (size - first_room + VEC_UNIT_SZ - 5) / (VEC_UNIT_SZ - 4);
+    const uint32_t units =
+        !vector || size <= first_room ? 1 : 1 + (size - first_room + VEC_UNIT_SZ - 5) / (VEC_UNIT_SZ - 4);
     const uint32_t off = take_units(p, units);
     if (!off)
         return false;
@@ -403,7 +423,8 @@ static void *open_probe(const peer_cfg &cfg, peer_how how, const char *kind)
         }
         unit_sz = cfg.vector ? VEC_UNIT_SZ : (cfg.key_sz + cfg.val_sz + 23) & ~3u;
         // The store's own spare: 5%, 100 to 500 units. A vector store is planned by its records' units.
-        const uint64_t units = cfg.vector ? cfg.entries * (2 + (cfg.key_sz + cfg.val_sz) / 124ull) : cfg.entries;
+        const uint64_t units =
+            cfg.vector ? cfg.entries * (2 + (cfg.key_sz + cfg.val_sz) / 124ull) : cfg.entries;
         end = 256 + (units + 500) * unit_sz;
         size = 4096 + ((hashsz * 8ull + 4095) & ~4095ull) + end;
         if (ftruncate(fd, static_cast<off_t>(size)) != 0)
@@ -421,8 +442,14 @@ static void *open_probe(const peer_cfg &cfg, peer_how how, const char *kind)
     return p;
 }
 
-static void *open_plain(const peer_cfg &cfg, peer_how how) { return open_probe(cfg, how, "plain"); }
-static void *open_tuned(const peer_cfg &cfg, peer_how how) { return open_probe(cfg, how, "tuned"); }
+static void *open_plain(const peer_cfg &cfg, peer_how how)
+{
+    return open_probe(cfg, how, "plain");
+}
+static void *open_tuned(const peer_cfg &cfg, peer_how how)
+{
+    return open_probe(cfg, how, "tuned");
+}
 
 static void close_probe(void *store_p, bool drop)
 {
@@ -433,7 +460,15 @@ static void close_probe(void *store_p, bool drop)
     delete p;
 }
 
-const peer peer_probe_plain = {"probe_plain", PEER_SHARED | PEER_KEPT | PEER_FLOOR, open_plain, close_probe, lookup<false>,
-                               store<false>, erase<false>, iterate<false>, lite<false>, nullptr, nullptr};
-const peer peer_probe_tuned = {"probe_tuned", PEER_SHARED | PEER_KEPT | PEER_FLOOR, open_tuned, close_probe, lookup<true>,
-                               store<true>, erase<true>, iterate<true>, lite<true>, group, nullptr};
+const peer peer_probe_plain = {"probe_plain", PEER_SHARED | PEER_KEPT | PEER_FLOOR,
+                               open_plain,    close_probe,
+                               lookup<false>, store<false>,
+                               erase<false>,  iterate<false>,
+                               lite<false>,   nullptr,
+                               nullptr};
+const peer peer_probe_tuned = {"probe_tuned", PEER_SHARED | PEER_KEPT | PEER_FLOOR,
+                               open_tuned,    close_probe,
+                               lookup<true>,  store<true>,
+                               erase<true>,   iterate<true>,
+                               lite<true>,    group,
+                               nullptr};

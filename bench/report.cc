@@ -25,7 +25,8 @@ static const json *row_of(const std::string &op, uint32_t size, const std::strin
     return nullptr;
 }
 
-static double time_of(const std::string &op, uint32_t size, const std::string &peer, const char *field = "real_time")
+static double time_of(const std::string &op, uint32_t size, const std::string &peer,
+                      const char *field = "real_time")
 {
     const json *row = row_of(op, size, peer);
     return row && row->contains(field) ? (*row)[field].get<double>() : 0;
@@ -75,8 +76,9 @@ static void grid(std::ofstream &out, const std::string &title, const std::vector
     std::vector<std::string> used = {"ns"};
     std::vector<size_t> columns;
     for (size_t i = 0; i < cases.size(); i++)
-        if (std::any_of(contestants.begin(), contestants.end(),
-                        [&](const std::string &p) { return time_of(cases[i].first, cases[i].second, p, field) > 0; }))
+        if (std::any_of(contestants.begin(), contestants.end(), [&](const std::string &p) {
+                return time_of(cases[i].first, cases[i].second, p, field) > 0;
+            }))
             columns.push_back(i), used.push_back(heads[i]);
     std::vector<std::vector<std::string>> rows;
     for (const std::string &peer : contestants) {
@@ -92,7 +94,9 @@ static void grid(std::ofstream &out, const std::string &title, const std::vector
 
 static std::string count(uint32_t n)
 {
-    return n % 1000000 == 0 ? std::to_string(n / 1000000) + "M" : n % 1000 == 0 ? std::to_string(n / 1000) + "k" : std::to_string(n);
+    return n % 1000000 == 0 ? std::to_string(n / 1000000) + "M"
+           : n % 1000 == 0  ? std::to_string(n / 1000) + "k"
+                            : std::to_string(n);
 }
 
 // What must hold, as ratios of this one run: ours over the reference's.
@@ -125,29 +129,40 @@ static void goals(std::ofstream &out)
     for (uint32_t size : {100, 500, 1000, 2000}) {
         list.push_back({"vector", "vec_lookup", size, "probe_plain", "vec_lookup", .85});
         list.push_back({"vector", "vec_lookup", size, "lmdb", "vec_lookup", 1});
-        list.push_back({"vector, churned", "vec_lookup_churned", size, "probe_plain", "vec_lookup_churned", .85});
+        list.push_back(
+            {"vector, churned", "vec_lookup_churned", size, "probe_plain", "vec_lookup_churned", .85});
     }
     std::vector<std::vector<std::string>> rows;
-    const auto add = [&](const std::string &what, const std::string &than, double ratio, double most, bool at_least) {
+    const auto add = [&](const std::string &what, const std::string &than, double ratio, double most,
+                         bool at_least) {
         char text[2][32];
         snprintf(text[0], sizeof text[0], "%.2f", ratio);
         snprintf(text[1], sizeof text[1], "%s %.2f", at_least ? "≥" : "≤", most);
-        rows.push_back({what, than, text[0], text[1], (at_least ? ratio >= most : ratio <= most) ? "yes" : "**no**"});
+        rows.push_back(
+            {what, than, text[0], text[1], (at_least ? ratio >= most : ratio <= most) ? "yes" : "**no**"});
     };
     for (const goal &g : list) {
         const double ours = time_of(g.op, g.size, "shkv"), theirs = time_of(g.than_op, g.size, g.than);
         const bool vec = g.size < 1000 || g.size == 2000 || std::string(g.op).rfind("vec", 0) == 0;
         if (ours > 0 && theirs > 0)
-            add(std::string(g.what) + (vec ? ", " + std::to_string(g.size) + " bytes" : ""), g.than, ours / theirs, g.most, false);
+            add(std::string(g.what) + (vec ? ", " + std::to_string(g.size) + " bytes" : ""), g.than,
+                ours / theirs, g.most, false);
     }
     // Scaling of two readers and the writer's toll, each against the probe's own.
     for (uint32_t n : sizes_of({"two_readers"})) {
-        const auto scale = [&](const char *peer) { return time_of("reader_alone", n, peer) / time_of("two_readers", n, peer); };
-        const auto toll = [&](const char *peer) { return time_of("reader_beside_writer", n, peer) / time_of("reader_alone", n, peer); };
+        const auto scale = [&](const char *peer) {
+            return time_of("reader_alone", n, peer) / time_of("two_readers", n, peer);
+        };
+        const auto toll = [&](const char *peer) {
+            return time_of("reader_beside_writer", n, peer) / time_of("reader_alone", n, peer);
+        };
         if (time_of("two_readers", n, "shkv") > 0 && time_of("two_readers", n, "probe_tuned") > 0)
-            add("scaling of two readers, " + count(n), "probe_tuned", scale("shkv") / scale("probe_tuned"), .95, true);
-        if (time_of("reader_beside_writer", n, "shkv") > 0 && time_of("reader_beside_writer", n, "probe_tuned") > 0)
-            add("a writer's toll on a reader, " + count(n), "probe_tuned", toll("shkv") / toll("probe_tuned"), 1, false);
+            add("scaling of two readers, " + count(n), "probe_tuned", scale("shkv") / scale("probe_tuned"), .95,
+                true);
+        if (time_of("reader_beside_writer", n, "shkv") > 0 &&
+            time_of("reader_beside_writer", n, "probe_tuned") > 0)
+            add("a writer's toll on a reader, " + count(n), "probe_tuned", toll("shkv") / toll("probe_tuned"),
+                1, false);
     }
     if (!rows.empty())
         table(out, "Ratios that must hold", {"time of shkv", "over that of", "ratio", "goal", "holds"}, rows);
@@ -156,17 +171,20 @@ static void goals(std::ofstream &out)
 static void write_tables(std::ofstream &out)
 {
     const json &about = run["context"];
-    out << "<!-- Written by ./dev bench; not by hand. -->\n\n" << about["date"].get<std::string>() << ", " << about["cpu"].get<std::string>()
-        << ", " << about["cpus"] << " processors";
+    out << "<!-- Written by ./dev bench; not by hand. -->\n\n"
+        << about["date"].get<std::string>() << ", " << about["cpu"].get<std::string>() << ", " << about["cpus"]
+        << " processors";
     for (const json &cache : about.value("caches", json::array()))
         out << ", " << cache.get<std::string>();
-    out << ", Linux " << about["kernel"].get<std::string>() << ", " << about["compiler"].get<std::string>() << "; medians of "
-        << about["rounds"] << " rounds; `" << about["command"].get<std::string>() << "`\n\n";
+    out << ", Linux " << about["kernel"].get<std::string>() << ", " << about["compiler"].get<std::string>()
+        << "; medians of " << about["rounds"] << " rounds; `" << about["command"].get<std::string>() << "`\n\n";
     goals(out);
-    const std::vector<std::string> ops = {"lookup_hit", "lookup_zipf", "lookup_miss", "lookup_lite", "lookup_group16", "iterate",
-                                          "replace", "insert", "insert_bulk100", "delete"};
-    const std::vector<std::string> heads = {"hit", "hit, Zipf", "miss", "lite", "group of 16", "iterate", "replace", "insert",
-                                            "insert, 100 at once", "delete"};
+    const std::vector<std::string> ops = {"lookup_hit",     "lookup_zipf", "lookup_miss", "lookup_lite",
+                                          "lookup_group16", "iterate",     "replace",     "insert",
+                                          "insert_bulk100", "delete"};
+    const std::vector<std::string> heads = {
+        "hit",    "hit, Zipf",           "miss",  "lite", "group of 16", "iterate", "replace",
+        "insert", "insert, 100 at once", "delete"};
     for (uint32_t n : sizes_of(ops)) {
         std::vector<std::pair<std::string, uint32_t>> cases;
         for (const std::string &op : ops)
@@ -182,7 +200,8 @@ static void write_tables(std::ofstream &out)
         std::vector<std::pair<std::string, uint32_t>> cases;
         for (const std::string &op : names)
             for (uint32_t n : sizes_of({op}))
-                columns.push_back(op + ", " + (op.rfind("vec", 0) == 0 ? std::to_string(n) + " B" : count(n))), cases.push_back({op, n});
+                columns.push_back(op + ", " + (op.rfind("vec", 0) == 0 ? std::to_string(n) + " B" : count(n))),
+                    cases.push_back({op, n});
         grid(out, title, columns, cases);
     }
     for (uint32_t n : sizes_of({"reader_beside_writer"})) {
@@ -191,8 +210,10 @@ static void write_tables(std::ofstream &out)
             if (row_of("reader_beside_writer", n, peer)) {
                 std::vector<std::string> row = {peer};
                 for (const char *field : {"p50", "p90", "p99", "p99.9", "p99.99", "max", "writer_ns", "wrong"})
-                    row.push_back(field == std::string("wrong") ? std::to_string(static_cast<long>(time_of("reader_beside_writer", n, peer, field)))
-                                                                : number(time_of("reader_beside_writer", n, peer, field)));
+                    row.push_back(
+                        field == std::string("wrong")
+                            ? std::to_string(static_cast<long>(time_of("reader_beside_writer", n, peer, field)))
+                            : number(time_of("reader_beside_writer", n, peer, field)));
                 rows.push_back(row);
             }
         if (!rows.empty())
@@ -202,7 +223,8 @@ static void write_tables(std::ofstream &out)
 }
 
 // One line a size, one column a contestant; what is missing is "?".
-static void write_columns(const std::string &path, const std::vector<std::string> &ops, const std::vector<std::string> &peers)
+static void write_columns(const std::string &path, const std::vector<std::string> &ops,
+                          const std::vector<std::string> &peers)
 {
     std::ofstream out(path);
     out << "size";
@@ -248,8 +270,9 @@ int main(int argc, char **argv)
     run = json::parse(in, nullptr, false);
     if (run.is_discarded() || !run.contains("benchmarks"))
         return fprintf(stderr, "%s is no run\n", argv[1]), 1;
-    const std::vector<std::string> known = {"shkv", "probe_plain", "probe_tuned", "lmdb", "tdb", "boost", "tkrzw_hash", "kyoto_hash",
-                                            "tkrzw_tiny", "tkrzw_cache", "kyoto_proto", "kyoto_cache", "redis", "memcached"};
+    const std::vector<std::string> known = {
+        "shkv",       "probe_plain", "probe_tuned", "lmdb",        "tdb",         "boost", "tkrzw_hash",
+        "kyoto_hash", "tkrzw_tiny",  "tkrzw_cache", "kyoto_proto", "kyoto_cache", "redis", "memcached"};
     for (const std::string &peer : known)
         for (const json &row : run["benchmarks"])
             if (row["peer"] == peer) {
@@ -259,9 +282,11 @@ int main(int argc, char **argv)
     std::ofstream out(argv[2]);
     write_tables(out);
     const std::string data = std::string(argv[3]) + "/";
-    const std::vector<std::string> drawn = {"shkv", "probe_plain", "probe_tuned", "lmdb", "tdb", "boost", "tkrzw_cache"};
+    const std::vector<std::string> drawn = {"shkv", "probe_plain", "probe_tuned", "lmdb",
+                                            "tdb",  "boost",       "tkrzw_cache"};
     write_columns(data + "lookup.dat", {"lookup_hit"}, drawn);
-    write_columns(data + "vector.dat", {"vec_lookup", "vec_lookup_churned"}, {"shkv", "probe_plain", "probe_tuned", "lmdb"});
+    write_columns(data + "vector.dat", {"vec_lookup", "vec_lookup_churned"},
+                  {"shkv", "probe_plain", "probe_tuned", "lmdb"});
     const std::set<uint32_t> sizes = sizes_of({"lookup_hit"});
     const uint32_t n = sizes.count(1000000) || sizes.empty() ? 1000000 : *sizes.rbegin();
     write_bars(data + "field.dat", {"lookup_hit", "lookup_miss", "replace", "insert", "delete"}, n);
@@ -275,7 +300,8 @@ int main(int argc, char **argv)
     for (const char *field : {"p50", "p90", "p99", "p99.9", "p99.99"}) {
         tail << field;
         for (const std::string &peer : tailed) {
-            const double ns = beside.empty() ? 0 : time_of("reader_beside_writer", *beside.rbegin(), peer, field);
+            const double ns =
+                beside.empty() ? 0 : time_of("reader_beside_writer", *beside.rbegin(), peer, field);
             ns > 0 ? tail << " " << ns : tail << " ?";
         }
         tail << "\n";

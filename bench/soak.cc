@@ -23,8 +23,14 @@ struct counts {
     int last_refusal;
 };
 
-static uint32_t load(const uint32_t *word) { return __atomic_load_n(word, __ATOMIC_ACQUIRE); }
-static void raise(uint32_t *word) { __atomic_add_fetch(word, 1, __ATOMIC_RELEASE); }
+static uint32_t load(const uint32_t *word)
+{
+    return __atomic_load_n(word, __ATOMIC_ACQUIRE);
+}
+static void raise(uint32_t *word)
+{
+    __atomic_add_fetch(word, 1, __ATOMIC_RELEASE);
+}
 static void wait_for(const uint32_t *word, uint32_t val)
 {
     while (load(word) < val)
@@ -36,7 +42,7 @@ static void wait_for(const uint32_t *word, uint32_t val)
 // A store of the soak: the library under either manager, or a probe.
 struct subject {
     const char *name;
-    const peer *p;  // null for the library
+    const peer *p; // null for the library
     bool vector;
     uint32_t val_sz;
 };
@@ -45,9 +51,11 @@ static int library_open(const char *name, const subject &s, bool create)
 {
     uint32_t err = 0;
     const uint32_t units = s.vector ? 2 + s.val_sz / 124 : 1;
-    const shkv_params params = {static_cast<uint16_t>(s.vector ? 0 : kKey), static_cast<uint16_t>(s.vector ? 0 : s.val_sz),
-                                kSmall * units, s.vector ? CONF_VECTORMM : CONF_FIXEDMM, 0};
-    const int handle = create ? shkv_create(name, UUID_BIG_A, &params, 0, &err) : shkv_open(name, UUID_BIG_A, 0, SHKV_AM_READ, &err);
+    const shkv_params params = {static_cast<uint16_t>(s.vector ? 0 : kKey),
+                                static_cast<uint16_t>(s.vector ? 0 : s.val_sz), kSmall * units,
+                                s.vector ? CONF_VECTORMM : CONF_FIXEDMM, 0};
+    const int handle = create ? shkv_create(name, UUID_BIG_A, &params, 0, &err)
+                              : shkv_open(name, UUID_BIG_A, 0, SHKV_AM_READ, &err);
     if (!handle)
         die("%s: error %u", create ? "create" : "open", err);
     return handle;
@@ -96,7 +104,7 @@ static void read_share(const subject &s, const char *name, uint64_t cnt, counts 
             k[i] = {keys[numbers[i]], kKey};
             v[i] = {out[i], sizeof out[i]};
         }
-        const bool group = !s.p && (done & 16);  // by turns singly and as a group
+        const bool group = !s.p && (done & 16); // by turns singly and as a group
         if (group)
             shkv_m_lookup(handle, k, v, results, 16);
         for (int i = 0; i < 16; i++) {
@@ -133,7 +141,8 @@ static bool run_readers(const subject &s, uint64_t lookups, int readers)
     for (int i = 0; i < readers; i++) {
         rd[i] = shared_memory<counts>();
         pids[i] = child([&] {
-            read_share(s, name, lookups / static_cast<uint64_t>(readers), rd[i], 100 + static_cast<uint64_t>(i));
+            read_share(s, name, lookups / static_cast<uint64_t>(readers), rd[i],
+                       100 + static_cast<uint64_t>(i));
             return true;
         });
     }
@@ -141,14 +150,15 @@ static bool run_readers(const subject &s, uint64_t lookups, int readers)
     bool good = true;
     for (int i = 0; i < readers; i++) {
         good &= child_good(pids[i]);
-        sum.lookups += rd[i]->lookups, sum.torn += rd[i]->torn, sum.missing += rd[i]->missing, sum.refused += rd[i]->refused;
+        sum.lookups += rd[i]->lookups, sum.torn += rd[i]->torn, sum.missing += rd[i]->missing,
+            sum.refused += rd[i]->refused;
         sum.last_refusal = rd[i]->last_refusal ? rd[i]->last_refusal : sum.last_refusal;
     }
     const double secs = wall_s() - begin;
     raise(&wr->stop);
     good &= child_good(writer);
-    printf("%-14s %6u bytes %12lu lookups %12lu writes %8.0f s: %lu torn, %lu falsely missing, %lu refused", s.name, s.val_sz,
-           sum.lookups, wr->writes, secs, sum.torn, sum.missing, sum.refused);
+    printf("%-14s %6u bytes %12lu lookups %12lu writes %8.0f s: %lu torn, %lu falsely missing, %lu refused",
+           s.name, s.val_sz, sum.lookups, wr->writes, secs, sum.torn, sum.missing, sum.refused);
     printf(sum.refused ? " (%d)%s\n" : "%.0d%s\n", sum.last_refusal, good ? "" : ", a process died");
     fflush(stdout);
     return good && (s.p || sum.torn + sum.missing + sum.refused == 0);
@@ -162,9 +172,9 @@ static constexpr uint32_t kMost = 200000;
 // done after it. A successor may find either, never anything else.
 struct ledger {
     uint32_t done[kMost], pending[kMost];
-    uint32_t cnt;       // records 0 to cnt - 1 are there
+    uint32_t cnt; // records 0 to cnt - 1 are there
     uint32_t seq;
-    uint32_t verified;  // openings that checked everything
+    uint32_t verified; // openings that checked everything
     uint32_t bad, stop;
     uint64_t reads, bad_reads;
 };
@@ -249,14 +259,14 @@ static bool read_through(ledger *l, const char *name)
         const shkv_buf k = {key, kKey};
         shkv_buf v = {val, sizeof val};
         const int result = shkv_lookup(handle, &k, &v);
-        if (result == EBADF) {  // destroyed: the next one comes
+        if (result == EBADF) { // destroyed: the next one comes
             shkv_close(handle);
             handle = 0;
             continue;
         }
         l->reads++;
         if (result != 0 || v.len != 32 || !value_sealed(val, 32, number)) {
-            if (load(&l->cnt) >= cnt)  // else the store was destroyed meanwhile
+            if (load(&l->cnt) >= cnt) // else the store was destroyed meanwhile
                 l->bad_reads++, fprintf(stderr, "reader: record %u of %u: result %d\n", number, cnt, result);
         }
     }
@@ -284,7 +294,7 @@ static bool run_kills(uint32_t rounds, uint64_t seed)
             reader = child([&] { return read_through(l, name); });
         const uint32_t verified = load(&l->verified);
         const pid_t writer = child([&] { return writer_life(l, name); });
-        if (r.below(4) != 0)  // else it may die while it opens and checks
+        if (r.below(4) != 0) // else it may die while it opens and checks
             while (load(&l->verified) == verified && !load(&l->bad) && still_runs(writer))
                 usleep(100);
         usleep(r.below(20000));
@@ -309,7 +319,8 @@ static bool run_kills(uint32_t rounds, uint64_t seed)
     if (reader)
         child_good(reader);
     reads += l->reads, bad_reads += l->bad_reads, records += l->cnt;
-    printf("%u writers killed in %u stores, %lu records added, %u full checks, %.0f s: %u faults; %lu lookups beside them, %lu wrong\n",
+    printf("%u writers killed in %u stores, %lu records added, %u full checks, %.0f s: %u faults; %lu lookups "
+           "beside them, %lu wrong\n",
            kills, stores + 1, static_cast<unsigned long>(records), l->verified, wall_s() - begin, l->bad,
            static_cast<unsigned long>(reads), static_cast<unsigned long>(bad_reads));
     return !l->bad && !bad_reads;
@@ -332,8 +343,10 @@ int main(int argc, char **argv)
     setenv("SYSMGR_MMAP_LIMIT", "2147483648", 0);
     if (what == "kill")
         return run_kills(cnt ? static_cast<uint32_t>(cnt) : 500, seed) ? 0 : 1;
-    const subject subjects[] = {{"fixed", nullptr, false, 32},       {"vector", nullptr, true, 200},
-                                {"probe", &peer_probe_tuned, false, 32}, {"probe_vector", &peer_probe_tuned, true, 200}};
+    const subject subjects[] = {{"fixed", nullptr, false, 32},
+                                {"vector", nullptr, true, 200},
+                                {"probe", &peer_probe_tuned, false, 32},
+                                {"probe_vector", &peer_probe_tuned, true, 200}};
     bool good = true;
     for (const subject &s : subjects)
         if (!s.p || probe)

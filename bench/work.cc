@@ -24,7 +24,10 @@ void make_key(uint64_t i, char key[kKey])
         key[at] = digits[half[at / 8] & 63];
 }
 
-static uint64_t seal(uint32_t key, uint32_t seq, uint32_t word) { return mix64(static_cast<uint64_t>(key) << 32 | seq) + word; }
+static uint64_t seal(uint32_t key, uint32_t seq, uint32_t word)
+{
+    return mix64(static_cast<uint64_t>(key) << 32 | seq) + word;
+}
 
 void seal_value(char *val, uint32_t size, uint32_t key, uint32_t seq)
 {
@@ -103,8 +106,9 @@ double hist::percentile_ns(double share) const
     for (unsigned i = 0; i < 64 * 16; i++) {
         seen += static_cast<double>(cnt[i]);
         if (cnt[i] && seen >= wanted) {
-            const unsigned top = i / 16;  // the middle of the step
-            return (ldexp(1, static_cast<int>(top)) + (i % 16 + 0.5) * ldexp(1, static_cast<int>(top) - 4)) * ns_per_tick();
+            const unsigned top = i / 16; // the middle of the step
+            return (ldexp(1, static_cast<int>(top)) + (i % 16 + 0.5) * ldexp(1, static_cast<int>(top) - 4)) *
+                   ns_per_tick();
         }
     }
     return static_cast<double>(max) * ns_per_tick();

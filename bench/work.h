@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-constexpr uint32_t kKey = 16;  // bytes of every key
+constexpr uint32_t kKey = 16; // bytes of every key
 
 static inline uint64_t mix64(uint64_t x)
 {
@@ -27,16 +27,28 @@ static inline uint64_t mix64(uint64_t x)
 
 struct rng {
     uint64_t state;
-    uint64_t next() { return mix64(state++); }
-    uint32_t below(uint32_t n) { return static_cast<uint32_t>((next() >> 32) * n >> 32); }
+    uint64_t next()
+    {
+        return mix64(state++);
+    }
+    uint32_t below(uint32_t n)
+    {
+        return static_cast<uint32_t>((next() >> 32) * n >> 32);
+    }
 };
 
 // Key i: 16 printable characters (memcached takes no others), no two alike, in no order.
 void make_key(uint64_t i, char key[kKey]);
 
 // A value of size bytes for a key: its first 8 bytes are the key's, so that a wrong answer shows.
-static inline void stamp_value(char *val, const char *key) { memcpy(val, key, 8); }
-static inline bool value_fits(const char *val, const char *key) { return memcmp(val, key, 8) == 0; }
+static inline void stamp_value(char *val, const char *key)
+{
+    memcpy(val, key, 8);
+}
+static inline bool value_fits(const char *val, const char *key)
+{
+    return memcmp(val, key, 8) == 0;
+}
 
 // A value of which every byte is checked: key number, sequence number and a mix of the two.
 void seal_value(char *val, uint32_t size, uint32_t key, uint32_t seq);
@@ -53,9 +65,15 @@ static inline double clock_s(clockid_t id)
     clock_gettime(id, &ts);
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
-static inline double wall_s() { return clock_s(CLOCK_MONOTONIC); }
-static inline double cpu_s() { return clock_s(CLOCK_THREAD_CPUTIME_ID); }
-double ns_per_tick();  // of the cycle counter, measured once
+static inline double wall_s()
+{
+    return clock_s(CLOCK_MONOTONIC);
+}
+static inline double cpu_s()
+{
+    return clock_s(CLOCK_THREAD_CPUTIME_ID);
+}
+double ns_per_tick(); // of the cycle counter, measured once
 
 // Latencies in ticks: 16 steps for each power of two.
 struct hist {
@@ -108,4 +126,7 @@ static inline bool child_good(pid_t pid)
 }
 
 // Runs fn in a child and waits for it; the child's verdict.
-template <class Fn> static bool in_child(Fn fn) { return child_good(child(fn)); }
+template <class Fn> static bool in_child(Fn fn)
+{
+    return child_good(child(fn));
+}

@@ -15,12 +15,16 @@
 
 namespace ip = boost::interprocess;
 
-namespace {
+namespace
+{
 using segment = ip::managed_shared_memory;
 
 struct key16 {
     uint64_t word[2];
-    bool operator==(const key16 &other) const { return word[0] == other.word[0] && word[1] == other.word[1]; }
+    bool operator==(const key16 &other) const
+    {
+        return word[0] == other.word[0] && word[1] == other.word[1];
+    }
 };
 struct key_hash {
     size_t operator()(const key16 &key) const
@@ -35,8 +39,9 @@ struct small {
 };
 using large = ip::basic_string<char, std::char_traits<char>, ip::allocator<char, segment::segment_manager>>;
 
-template <class V> using map_of = boost::unordered_map<key16, V, key_hash, std::equal_to<key16>,
-                                                       ip::allocator<std::pair<const key16, V>, segment::segment_manager>>;
+template <class V>
+using map_of = boost::unordered_map<key16, V, key_hash, std::equal_to<key16>,
+                                    ip::allocator<std::pair<const key16, V>, segment::segment_manager>>;
 
 struct boost_store {
     segment seg;
@@ -52,7 +57,7 @@ key16 key_of(const void *key, uint32_t key_sz)
     memcpy(&k, key, key_sz < 16 ? key_sz : 16);
     return k;
 }
-}  // namespace
+} // namespace
 
 static void *open_boost(const peer_cfg &cfg, peer_how how)
 {
@@ -60,18 +65,19 @@ static void *open_boost(const peer_cfg &cfg, peer_how how)
         boost_store *p = new boost_store{};
         p->name = std::string("boost_") + (strrchr(cfg.dir, '/') + 1);
         if (how == PEER_CREATE) {
-            const uint64_t entries = cfg.entries < 100000 ? 1000000 : cfg.entries;  // it cannot grow later
-            p->seg = segment(ip::create_only, p->name.c_str(), (cfg.val_sz + 160ull) * entries * 3 / 2 + (8u << 20));
+            const uint64_t entries = cfg.entries < 100000 ? 1000000 : cfg.entries; // it cannot grow later
+            p->seg =
+                segment(ip::create_only, p->name.c_str(), (cfg.val_sz + 160ull) * entries * 3 / 2 + (8u << 20));
         } else {
             p->seg = segment(ip::open_only, p->name.c_str());
         }
         p->lock = p->seg.find_or_construct<ip::interprocess_sharable_mutex>("lock")();
         if (cfg.vector)
-            p->var = p->seg.find_or_construct<map_of<large>>("var")(cfg.entries, key_hash(), std::equal_to<key16>(),
-                                                                    p->seg.get_segment_manager());
+            p->var = p->seg.find_or_construct<map_of<large>>("var")(
+                cfg.entries, key_hash(), std::equal_to<key16>(), p->seg.get_segment_manager());
         else
-            p->fixed = p->seg.find_or_construct<map_of<small>>("fixed")(cfg.entries, key_hash(), std::equal_to<key16>(),
-                                                                        p->seg.get_segment_manager());
+            p->fixed = p->seg.find_or_construct<map_of<small>>("fixed")(
+                cfg.entries, key_hash(), std::equal_to<key16>(), p->seg.get_segment_manager());
         return p;
     } catch (const std::exception &) {
         return nullptr;
@@ -154,5 +160,9 @@ static uint64_t iterate(void *store_p, peer_visit visit, void *arg)
     return cnt;
 }
 
-const peer peer_boost = {"boost", PEER_SHARED | PEER_KEPT | PEER_GROWS, open_boost, close_boost, lookup, store, erase,
-                         iterate, nullptr, nullptr, nullptr};
+const peer peer_boost = {"boost",    PEER_SHARED | PEER_KEPT | PEER_GROWS,
+                         open_boost, close_boost,
+                         lookup,     store,
+                         erase,      iterate,
+                         nullptr,    nullptr,
+                         nullptr};

@@ -13,9 +13,10 @@ using kyotocabinet::BasicDB;
 
 static void *opened(BasicDB *db, const std::string &path, peer_how how)
 {
-    const uint32_t mode = how == PEER_READ    ? BasicDB::OREADER | BasicDB::ONOLOCK
-                          : how == PEER_WRITE ? BasicDB::OWRITER | BasicDB::ONOLOCK
-                                              : BasicDB::OWRITER | BasicDB::OCREATE | BasicDB::OTRUNCATE | BasicDB::ONOLOCK;
+    const uint32_t mode = how == PEER_READ ? BasicDB::OREADER | BasicDB::ONOLOCK
+                          : how == PEER_WRITE
+                              ? BasicDB::OWRITER | BasicDB::ONOLOCK
+                              : BasicDB::OWRITER | BasicDB::OCREATE | BasicDB::OTRUNCATE | BasicDB::ONOLOCK;
     if (db->open(path, mode))
         return db;
     delete db;
@@ -31,7 +32,10 @@ static void *open_hash(const peer_cfg &cfg, peer_how how)
     return opened(db, std::string(cfg.dir) + "/kyoto.kch", how);
 }
 
-static void *open_proto(const peer_cfg &, peer_how how) { return opened(new kyotocabinet::ProtoHashDB(), "-", how); }
+static void *open_proto(const peer_cfg &, peer_how how)
+{
+    return opened(new kyotocabinet::ProtoHashDB(), "-", how);
+}
 
 static void *open_cache(const peer_cfg &cfg, peer_how how)
 {
@@ -52,13 +56,14 @@ static void close_kyoto(void *store, bool drop)
 
 static int lookup(void *store, const void *key, uint32_t key_sz, void *out, uint32_t room)
 {
-    return static_cast<BasicDB *>(store)->get(static_cast<const char *>(key), key_sz, static_cast<char *>(out), room);
+    return static_cast<BasicDB *>(store)->get(static_cast<const char *>(key), key_sz, static_cast<char *>(out),
+                                              room);
 }
 
 static bool store(void *store_p, const void *key, uint32_t key_sz, const void *val, uint32_t val_sz)
 {
-    return static_cast<BasicDB *>(store_p)->set(static_cast<const char *>(key), key_sz, static_cast<const char *>(val),
-                                                val_sz);
+    return static_cast<BasicDB *>(store_p)->set(static_cast<const char *>(key), key_sz,
+                                                static_cast<const char *>(val), val_sz);
 }
 
 static bool erase(void *store_p, const void *key, uint32_t key_sz)
@@ -66,7 +71,8 @@ static bool erase(void *store_p, const void *key, uint32_t key_sz)
     return static_cast<BasicDB *>(store_p)->remove(static_cast<const char *>(key), key_sz);
 }
 
-namespace {
+namespace
+{
 struct walker : kyotocabinet::DB::Visitor {
     peer_visit visit;
     void *arg;
@@ -78,7 +84,7 @@ struct walker : kyotocabinet::DB::Visitor {
         return NOP;
     }
 };
-}  // namespace
+} // namespace
 
 static uint64_t iterate(void *store_p, peer_visit visit, void *arg)
 {
@@ -87,9 +93,9 @@ static uint64_t iterate(void *store_p, peer_visit visit, void *arg)
     return static_cast<BasicDB *>(store_p)->iterate(&w, false) ? w.cnt : 0;
 }
 
-const peer peer_kyoto_hash = {"kyoto_hash", PEER_KEPT, open_hash, close_kyoto, lookup, store, erase, iterate, nullptr,
-                              nullptr, nullptr};
-const peer peer_kyoto_proto = {"kyoto_proto", PEER_GROWS, open_proto, close_kyoto, lookup, store, erase, iterate, nullptr,
-                               nullptr, nullptr};
-const peer peer_kyoto_cache = {"kyoto_cache", 0, open_cache, close_kyoto, lookup, store, erase, iterate, nullptr, nullptr,
-                               nullptr};
+const peer peer_kyoto_hash = {"kyoto_hash", PEER_KEPT, open_hash, close_kyoto, lookup, store,
+                              erase,        iterate,   nullptr,   nullptr,     nullptr};
+const peer peer_kyoto_proto = {"kyoto_proto", PEER_GROWS, open_proto, close_kyoto, lookup, store,
+                               erase,         iterate,    nullptr,    nullptr,     nullptr};
+const peer peer_kyoto_cache = {"kyoto_cache", 0,       open_cache, close_kyoto, lookup, store,
+                               erase,         iterate, nullptr,    nullptr,     nullptr};

@@ -4,8 +4,7 @@ const peer *const peers[] = {
 #ifdef HAVE_SHKV
     &peer_shkv,
 #endif
-    &peer_probe_plain,
-    &peer_probe_tuned,
+    &peer_probe_plain, &peer_probe_tuned,
 #ifdef HAVE_LMDB
     &peer_lmdb,
 #endif
@@ -16,14 +15,10 @@ const peer *const peers[] = {
     &peer_boost,
 #endif
 #ifdef HAVE_TKRZW
-    &peer_tkrzw_hash,
-    &peer_tkrzw_tiny,
-    &peer_tkrzw_cache,
+    &peer_tkrzw_hash,  &peer_tkrzw_tiny,  &peer_tkrzw_cache,
 #endif
 #ifdef HAVE_KYOTO
-    &peer_kyoto_hash,
-    &peer_kyoto_proto,
-    &peer_kyoto_cache,
+    &peer_kyoto_hash,  &peer_kyoto_proto, &peer_kyoto_cache,
 #endif
 #ifdef HAVE_REDIS
     &peer_redis,

@@ -11,16 +11,20 @@
 
 #include "peer.h"
 
-namespace {
+namespace
+{
 struct lmdb {
     MDB_env *env;
     MDB_dbi dbi;
     MDB_txn *rd, *wr;
     char dir[300];
 };
-}  // namespace
+} // namespace
 
-static MDB_val val_of(const void *ptr, uint32_t len) { return {len, const_cast<void *>(ptr)}; }
+static MDB_val val_of(const void *ptr, uint32_t len)
+{
+    return {len, const_cast<void *>(ptr)};
+}
 
 static void *open_lmdb(const peer_cfg &cfg, peer_how how)
 {
@@ -32,8 +36,9 @@ static void *open_lmdb(const peer_cfg &cfg, peer_how how)
     // The map is a sparse file: room for everything, whatever was planned.
     if (mdb_env_create(&p->env) || mdb_env_set_mapsize(p->env, 16ull << 30) ||
         mdb_env_open(p->env, p->dir, flags | MDB_NORDAHEAD | MDB_NOTLS, 0600) ||
-        mdb_txn_begin(p->env, nullptr, how == PEER_READ ? MDB_RDONLY : 0, &txn) || mdb_dbi_open(txn, nullptr, 0, &p->dbi) ||
-        mdb_txn_commit(txn) || mdb_txn_begin(p->env, nullptr, MDB_RDONLY, &p->rd))
+        mdb_txn_begin(p->env, nullptr, how == PEER_READ ? MDB_RDONLY : 0, &txn) ||
+        mdb_dbi_open(txn, nullptr, 0, &p->dbi) || mdb_txn_commit(txn) ||
+        mdb_txn_begin(p->env, nullptr, MDB_RDONLY, &p->rd))
         return nullptr;
     mdb_txn_reset(p->rd);
     return p;
@@ -68,7 +73,8 @@ static int lookup(void *store, const void *key, uint32_t key_sz, void *out, uint
 }
 
 // A group under one snapshot.
-static void group(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes, uint32_t cnt)
+static void group(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes,
+                  uint32_t cnt)
 {
     lmdb *p = static_cast<lmdb *>(store);
     mdb_txn_renew(p->rd);
@@ -138,5 +144,9 @@ static uint64_t iterate(void *store_p, peer_visit visit, void *arg)
     return cnt;
 }
 
-const peer peer_lmdb = {"lmdb", PEER_SHARED | PEER_KEPT | PEER_GROWS, open_lmdb, close_lmdb, lookup, store, erase,
-                        iterate, nullptr, group, bulk};
+const peer peer_lmdb = {"lmdb",    PEER_SHARED | PEER_KEPT | PEER_GROWS,
+                        open_lmdb, close_lmdb,
+                        lookup,    store,
+                        erase,     iterate,
+                        nullptr,   group,
+                        bulk};

@@ -7,13 +7,14 @@
 #include "peer.h"
 #include "server.h"
 
-namespace {
+namespace
+{
 struct mc {
     memcached_st *ctx;
-    memcached_result_st result;  // ours: one that the library made it would free after a group
+    memcached_result_st result; // ours: one that the library made it would free after a group
     pid_t server;
 };
-}  // namespace
+} // namespace
 
 static void *open_mc(const peer_cfg &cfg, peer_how how)
 {
@@ -21,7 +22,8 @@ static void *open_mc(const peer_cfg &cfg, peer_how how)
     snprintf(path, sizeof path, "%s/mc.sock", cfg.dir);
     mc *p = new mc{};
     if (how == PEER_CREATE) {
-        const char *argv[] = {"memcached", "-s", path, "-u", "root", "-m", "4096", "-t", "1", "-o", "hashpower=20", nullptr};
+        const char *argv[] = {"memcached", "-s", path, "-u", "root",         "-m",
+                              "4096",      "-t", "1",  "-o", "hashpower=20", nullptr};
         p->server = server_start(argv, cfg.shared);
     }
     const bool up = server_wait([&] {
@@ -57,7 +59,8 @@ static int lookup(void *store, const void *key, uint32_t key_sz, void *out, uint
     size_t size = 0;
     uint32_t flags;
     memcached_return_t err;
-    char *val = memcached_get(static_cast<mc *>(store)->ctx, static_cast<const char *>(key), key_sz, &size, &flags, &err);
+    char *val = memcached_get(static_cast<mc *>(store)->ctx, static_cast<const char *>(key), key_sz, &size,
+                              &flags, &err);
     const bool good = val && size <= room;
     if (good)
         memcpy(out, val, size);
@@ -66,7 +69,8 @@ static int lookup(void *store, const void *key, uint32_t key_sz, void *out, uint
 }
 
 // Answers come in the order of the questions, without those that missed.
-static void group(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes, uint32_t cnt)
+static void group(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes,
+                  uint32_t cnt)
 {
     mc *p = static_cast<mc *>(store);
     const char *ptr[32];
@@ -90,14 +94,16 @@ static void group(void *store, const char *keys, uint32_t key_sz, char *out, uin
 
 static bool store(void *store_p, const void *key, uint32_t key_sz, const void *val, uint32_t val_sz)
 {
-    const memcached_return_t err = memcached_set(static_cast<mc *>(store_p)->ctx, static_cast<const char *>(key), key_sz,
-                                                 static_cast<const char *>(val), val_sz, 0, 0);
+    const memcached_return_t err =
+        memcached_set(static_cast<mc *>(store_p)->ctx, static_cast<const char *>(key), key_sz,
+                      static_cast<const char *>(val), val_sz, 0, 0);
     return err == MEMCACHED_SUCCESS || err == MEMCACHED_BUFFERED;
 }
 
 static bool erase(void *store_p, const void *key, uint32_t key_sz)
 {
-    return memcached_delete(static_cast<mc *>(store_p)->ctx, static_cast<const char *>(key), key_sz, 0) == MEMCACHED_SUCCESS;
+    return memcached_delete(static_cast<mc *>(store_p)->ctx, static_cast<const char *>(key), key_sz, 0) ==
+           MEMCACHED_SUCCESS;
 }
 
 static void bulk(void *store_p, bool begin)
@@ -109,5 +115,9 @@ static void bulk(void *store_p, bool begin)
     memcached_behavior_set(p->ctx, MEMCACHED_BEHAVIOR_NOREPLY, begin);
 }
 
-const peer peer_memcached = {"memcached", PEER_SHARED | PEER_REMOTE | PEER_GROWS, open_mc, close_mc, lookup, store, erase,
-                             nullptr, nullptr, group, bulk};
+const peer peer_memcached = {"memcached", PEER_SHARED | PEER_REMOTE | PEER_GROWS,
+                             open_mc,     close_mc,
+                             lookup,      store,
+                             erase,       nullptr,
+                             nullptr,     group,
+                             bulk};

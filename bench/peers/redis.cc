@@ -6,14 +6,15 @@
 #include "peer.h"
 #include "server.h"
 
-namespace {
+namespace
+{
 struct redis {
     redisContext *ctx;
     pid_t server;
-    uint32_t queued;  // replies outstanding, while in bulk
+    uint32_t queued; // replies outstanding, while in bulk
     bool bulk;
 };
-}  // namespace
+} // namespace
 
 static void *open_redis(const peer_cfg &cfg, peer_how how)
 {
@@ -21,8 +22,8 @@ static void *open_redis(const peer_cfg &cfg, peer_how how)
     snprintf(path, sizeof path, "%s/redis.sock", cfg.dir);
     redis *p = new redis{};
     if (how == PEER_CREATE) {
-        const char *argv[] = {"redis-server", "--port", "0",     "--unixsocket", path, "--save", "", "--appendonly", "no",
-                              "--dir",        cfg.dir,  nullptr};
+        const char *argv[] = {"redis-server", "--port", "0",     "--unixsocket", path,   "--save", "",
+                              "--appendonly", "no",     "--dir", cfg.dir,        nullptr};
         p->server = server_start(argv, cfg.shared);
     }
     const bool up = server_wait([&] {
@@ -79,7 +80,8 @@ static int lookup(void *store, const void *key, uint32_t key_sz, void *out, uint
     return answer(p, out, room);
 }
 
-static void group(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes, uint32_t cnt)
+static void group(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes,
+                  uint32_t cnt)
 {
     redis *p = static_cast<redis *>(store);
     for (uint32_t i = 0; i < cnt; i++)
@@ -119,5 +121,9 @@ static void bulk(void *store_p, bool begin)
     p->bulk = begin;
 }
 
-const peer peer_redis = {"redis", PEER_SHARED | PEER_REMOTE | PEER_GROWS, open_redis, close_redis, lookup, store, erase,
-                         nullptr, nullptr, group, bulk};
+const peer peer_redis = {"redis",    PEER_SHARED | PEER_REMOTE | PEER_GROWS,
+                         open_redis, close_redis,
+                         lookup,     store,
+                         erase,      nullptr,
+                         nullptr,    group,
+                         bulk};

@@ -5,8 +5,14 @@
 #include "peer.h"
 #include "shkv.h"
 
-static inline int handle_of(void *store) { return static_cast<int>(reinterpret_cast<intptr_t>(store)); }
-static inline shkv_buf buf(const void *ptr, uint32_t len) { return {const_cast<void *>(ptr), len}; }
+static inline int handle_of(void *store)
+{
+    return static_cast<int>(reinterpret_cast<intptr_t>(store));
+}
+static inline shkv_buf buf(const void *ptr, uint32_t len)
+{
+    return {const_cast<void *>(ptr), len};
+}
 
 static void *open_shkv(const peer_cfg &cfg, peer_how how)
 {
@@ -17,13 +23,14 @@ static void *open_shkv(const peer_cfg &cfg, peer_how how)
     if (how == PEER_CREATE) {
         shkv_params params = {static_cast<uint16_t>(cfg.key_sz), static_cast<uint16_t>(cfg.val_sz), cfg.entries,
                               cfg.vector ? CONF_VECTORMM : CONF_FIXEDMM, 0};
-        if (cfg.vector) {  // a vector store is planned in units of 128 bytes
+        if (cfg.vector) { // a vector store is planned in units of 128 bytes
             params.maxksz = params.maxvsz = 0;
             params.maxents = cfg.entries * (2 + (cfg.key_sz + cfg.val_sz) / 124);
         }
         handle = shkv_create(uri, UUID_BIG_A, &params, 0, &err);
     } else {
-        handle = shkv_open(uri, UUID_BIG_A, 0, how == PEER_READ ? SHKV_AM_READ | SHKV_AM_ITER : SHKV_AM_WRITE, &err);
+        handle =
+            shkv_open(uri, UUID_BIG_A, 0, how == PEER_READ ? SHKV_AM_READ | SHKV_AM_ITER : SHKV_AM_WRITE, &err);
     }
     return reinterpret_cast<void *>(static_cast<intptr_t>(handle));
 }
@@ -50,7 +57,8 @@ static const void *lite(void *store, const void *key, uint32_t key_sz, uint32_t 
     return v.ptr;
 }
 
-static void group(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes, uint32_t cnt)
+static void group(void *store, const char *keys, uint32_t key_sz, char *out, uint32_t room, int *sizes,
+                  uint32_t cnt)
 {
     shkv_buf k[32], v[32];
     for (uint32_t i = 0; i < cnt; i++) {
@@ -88,5 +96,9 @@ static uint64_t iterate(void *store_p, peer_visit visit, void *arg)
     }
 }
 
-const peer peer_shkv = {"shkv", PEER_SHARED | PEER_KEPT | PEER_GROWS, open_shkv, close_shkv, lookup,
-                        store,  erase, iterate, lite, group, nullptr};
+const peer peer_shkv = {"shkv",    PEER_SHARED | PEER_KEPT | PEER_GROWS,
+                        open_shkv, close_shkv,
+                        lookup,    store,
+                        erase,     iterate,
+                        lite,      group,
+                        nullptr};

@@ -26,7 +26,8 @@ static void *open_tdb(const peer_cfg &cfg, peer_how how)
     int flags = TDB_NOSYNC | TDB_INCOMPATIBLE_HASH | TDB_VOLATILE;
     flags |= cfg.shared ? TDB_MUTEX_LOCKING | TDB_CLEAR_IF_FIRST : TDB_NOLOCK;
     const int buckets = static_cast<int>(cfg.entries < 1000 ? 1000 : cfg.entries);
-    return tdb_open_ex(path, buckets, flags, (how == PEER_CREATE ? O_CREAT : 0) | O_RDWR, 0600, nullptr, nullptr);
+    return tdb_open_ex(path, buckets, flags, (how == PEER_CREATE ? O_CREAT : 0) | O_RDWR, 0600, nullptr,
+                       nullptr);
 }
 
 static void close_tdb(void *store, bool drop)
@@ -38,7 +39,8 @@ static void close_tdb(void *store, bool drop)
         unlink(path);
 }
 
-namespace {
+namespace
+{
 struct taker {
     void *out;
     uint32_t room;
@@ -48,7 +50,7 @@ struct walker {
     peer_visit visit;
     void *arg;
 };
-}  // namespace
+} // namespace
 
 static int take(TDB_DATA, TDB_DATA val, void *arg)
 {
@@ -69,7 +71,8 @@ static int lookup(void *store, const void *key, uint32_t key_sz, void *out, uint
 
 static bool store(void *store_p, const void *key, uint32_t key_sz, const void *val, uint32_t val_sz)
 {
-    return tdb_store(static_cast<tdb_context *>(store_p), data_of(key, key_sz), data_of(val, val_sz), TDB_REPLACE) == 0;
+    return tdb_store(static_cast<tdb_context *>(store_p), data_of(key, key_sz), data_of(val, val_sz),
+                     TDB_REPLACE) == 0;
 }
 
 static bool erase(void *store_p, const void *key, uint32_t key_sz)
@@ -91,5 +94,6 @@ static uint64_t iterate(void *store_p, peer_visit visit, void *arg)
     return cnt < 0 ? 0 : static_cast<uint64_t>(cnt);
 }
 
-const peer peer_tdb = {"tdb", PEER_SHARED | PEER_KEPT, open_tdb, close_tdb, lookup, store, erase, iterate, nullptr, nullptr,
-                       nullptr};
+const peer peer_tdb = {
+    "tdb",  PEER_SHARED | PEER_KEPT, open_tdb, close_tdb, lookup, store, erase, iterate, nullptr, nullptr,
+    nullptr};

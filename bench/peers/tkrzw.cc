@@ -12,7 +12,8 @@
 
 using tkrzw::DBM;
 
-namespace {
+namespace
+{
 // Copies the value out while the record is held, without a string in between.
 struct taker : DBM::RecordProcessor {
     void *out;
@@ -33,12 +34,13 @@ struct walker : DBM::RecordProcessor {
     uint64_t cnt = 0;
     std::string_view ProcessFull(std::string_view key, std::string_view value) override
     {
-        visit(arg, key.data(), static_cast<uint32_t>(key.size()), value.data(), static_cast<uint32_t>(value.size()));
+        visit(arg, key.data(), static_cast<uint32_t>(key.size()), value.data(),
+              static_cast<uint32_t>(value.size()));
         cnt++;
         return NOOP;
     }
 };
-}  // namespace
+} // namespace
 
 // As a DBM, which is what every other function here takes it for.
 static void *open_hash(const peer_cfg &cfg, peer_how how)
@@ -56,7 +58,7 @@ static void *open_hash(const peer_cfg &cfg, peer_how how)
 
 static void *open_tiny(const peer_cfg &cfg, peer_how)
 {
-    return static_cast<DBM *>(new tkrzw::TinyDBM(static_cast<int64_t>(cfg.entries) * 2));  // needs no opening
+    return static_cast<DBM *>(new tkrzw::TinyDBM(static_cast<int64_t>(cfg.entries) * 2)); // needs no opening
 }
 
 static void *open_cache(const peer_cfg &cfg, peer_how)
@@ -102,8 +104,9 @@ static uint64_t iterate(void *store_p, peer_visit visit, void *arg)
     return static_cast<DBM *>(store_p)->ProcessEach(&w, false).IsOK() ? w.cnt : 0;
 }
 
-const peer peer_tkrzw_hash = {"tkrzw_hash", PEER_KEPT, open_hash, close_tkrzw, lookup, store, erase, iterate, nullptr,
-                              nullptr, nullptr};
-const peer peer_tkrzw_tiny = {"tkrzw_tiny", 0, open_tiny, close_tkrzw, lookup, store, erase, iterate, nullptr, nullptr, nullptr};
-const peer peer_tkrzw_cache = {"tkrzw_cache", 0, open_cache, close_tkrzw, lookup, store, erase, iterate, nullptr, nullptr,
-                               nullptr};
+const peer peer_tkrzw_hash = {"tkrzw_hash", PEER_KEPT, open_hash, close_tkrzw, lookup, store,
+                              erase,        iterate,   nullptr,   nullptr,     nullptr};
+const peer peer_tkrzw_tiny = {"tkrzw_tiny", 0,       open_tiny, close_tkrzw, lookup, store,
+                              erase,        iterate, nullptr,   nullptr,     nullptr};
+const peer peer_tkrzw_cache = {"tkrzw_cache", 0,       open_cache, close_tkrzw, lookup, store,
+                               erase,         iterate, nullptr,    nullptr,     nullptr};
