@@ -75,7 +75,7 @@ static bool can_reuse(const shkv_head *head, uint32_t mode)
            !(old_mode & SHKV_AM_WRITE) && (mode & SHKV_AM_READ);
 }
 
-static int search_locked(const char *dbname, uint32_t mode, shkv_head **share_out)
+static int search_locked(const char *dbname, uint32_t mode, shkv_head *share_out)
 {
     for (shkv_head &head : shkv_db_heads) {
         if (!is_of_store(&head, dbname))
@@ -84,7 +84,7 @@ static int search_locked(const char *dbname, uint32_t mode, shkv_head **share_ou
             LOG("%s: use shared mapping from (shkvh:%d)                         access_mode %d uri %s",
                 "shkv_open_check_existing_heads", handle_of(&head), head.access_mode, head.sn->uri);
             __atomic_store_n(&pinned_map, head.ud1_map, __ATOMIC_RELEASE);
-            *share_out = &head;
+            *share_out = head; // as it is now: it may be closed before the maps are taken over
             return 0;
         }
         if (can_reuse(&head, mode)) {
@@ -96,7 +96,7 @@ static int search_locked(const char *dbname, uint32_t mode, shkv_head **share_ou
     return 0;
 }
 
-int shkv_open_check_existing_heads(const char *dbname, uint32_t access_mode, shkv_head **share_out,
+int shkv_open_check_existing_heads(const char *dbname, uint32_t access_mode, shkv_head *share_out,
                                    uint32_t *errptr)
 {
     if (sem_take(&hd_sem) == -1)
@@ -117,7 +117,7 @@ struct read_op {
     uint64_t hashfn;
     uint32_t access_mode;
     uint32_t *errptr;
-    shkv_head *share_p; // null, or whose ud_maps to use
+    shkv_head share;    // whose ud_maps to use; without a supernode: nobody's
     supernode *sn;
     shkv_head head;     // becomes the slot
 };
@@ -129,7 +129,8 @@ static int map_and_bind(read_op *op_p)
         return fail_err(ring_p, 0x4b, op_p->uuid, op_p->errptr, EINVAL, "uuid:%d, the db is insane.",
                         (int)op_p->uuid);
     uint32_t flg = get32(&op_p->sn->comm_flg);
-    if (!shkv_open_mdudobj(op_p->sn, &op_p->head, PROT_READ, op_p->share_p, op_p->errptr, ring_p))
+    shkv_head *share_p = op_p->share.sn ? &op_p->share : nullptr;
+    if (!shkv_open_mdudobj(op_p->sn, &op_p->head, PROT_READ, share_p, op_p->errptr, ring_p))
         return 0;
     if (!set_hdmd_hashes(flg, op_p->access_mode, op_p->sn, op_p->hashfn, 0, 0, ring_p, &op_p->head,
                          op_p->dbname, op_p->errptr))
@@ -153,7 +154,7 @@ static void let_go(read_op *op_p)
 {
     unmap_mds(&op_p->head);
     close_mds(&op_p->head);
-    if (!op_p->share_p) {
+    if (!op_p->share.sn) {
         if (op_p->head.ud1_map)
             release_ud_maps(&op_p->head, op_p->head.ud1_map, false);
         if (op_p->head.ud2_map)
@@ -166,7 +167,7 @@ static void let_go(read_op *op_p)
 
 static int open_read_locked(read_op *op_p)
 {
-    int handle = shkv_open_check_existing_heads(op_p->dbname, op_p->access_mode, &op_p->share_p, op_p->errptr);
+    int handle = shkv_open_check_existing_heads(op_p->dbname, op_p->access_mode, &op_p->share, op_p->errptr);
     if (handle || *op_p->errptr)
         return *op_p->errptr ? 0 : handle;
     char path[SHKV_PATH_MAX];

@@ -4,9 +4,10 @@
 
 int shkv_open_read(const char *dbname, uint32_t uuid, uint64_t hashfn, uint32_t access_mode, uint32_t head_mode,
                    uint32_t *errptr);
-// A handle to use again, or 0; share_out may get a head whose ud_maps a read handle is to use. That
-// head's table is then kept, whatever is closed, until unpin_shared_map.
-int shkv_open_check_existing_heads(const char *dbname, uint32_t access_mode, shkv_head **share_out,
+// A handle to use again, or 0; *share_out may become the copy of a head whose ud_maps a read handle is
+// to use (its sn stays null otherwise). That head's table is then kept, whatever is closed, until
+// unpin_shared_map.
+int shkv_open_check_existing_heads(const char *dbname, uint32_t access_mode, shkv_head *share_out,
                                    uint32_t *errptr);
 void unpin_shared_map();
 

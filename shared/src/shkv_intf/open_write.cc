@@ -236,7 +236,7 @@ int shkv_open_write(const char *dbname, uint32_t uuid, uint64_t hashfn, uint32_t
                     uint32_t head_mode, uint32_t *errptr)
 {
     if (!(access_mode & (SHKV_AM_DBG | SHKV_AM_RESHAPE | SHKV_AM_WPROT))) {
-        shkv_head *unused = nullptr;
+        shkv_head unused = {};
         int open_already = shkv_open_check_existing_heads(dbname, access_mode, &unused, errptr);
         if (open_already || *errptr)
             return *errptr ? 0 : open_already;
