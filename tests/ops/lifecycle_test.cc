@@ -290,7 +290,8 @@ TEST(Open, damaged_stores)
         EXPECT_EQ(4, pwrite(fd, &c.val, 4, c.off));
         log_catcher log;
         int handle = shkv_open("damaged", 5, 0, c.mode, &err);
-        expect({c.err, c.line, c.event, c.arg, c.event >> 24 == 3 ? 5u : 0u}, handle, err, log.last(), keeper.sn());
+        expect({c.err, c.line, c.event, c.arg, c.event >> 24 == 3 ? 5u : 0u}, handle, err, log.last(),
+               keeper.sn());
         EXPECT_EQ(4, pwrite(fd, &was, 4, c.off));
         close(fd);
     }

@@ -88,7 +88,8 @@ TEST(Remap, table_gets_the_function_of_its_descriptor)
     rec_p->hash_fn = nullptr;
     log_catcher log;
     EXPECT_EQ(0, check(reader, CF_MD2 | CF_UD1, RO)); // refused quietly: the operation goes on
-    EXPECT_NE(std::string::npos, log.all().find("shkv_remap_mdobj,                 new user-hashfn used, the db has"
+    EXPECT_NE(std::string::npos,
+              log.all().find("shkv_remap_mdobj,                 new user-hashfn used, the db has"
                                                 "                 to be reopened"));
     EXPECT_EQ("check_hdmd_remap,                     can not remap the obj, shkvh:" +
               std::to_string(reader.handle), log.last());
