@@ -164,6 +164,7 @@ TEST(growth, a_space_that_was_lost_in_a_growth_gives_12)
     for (store.sn()->auto_rz = 0; store.add(key_no(cnt), "v") == 0;)
         cnt++;
     store.sn()->auto_rz = 1;
+    EXPECT_EQ(store.at("k1"), "v"); // a lookup remembers where the space was
     int fd = store.head()->ud1_map->fd;
     store.head()->ud1_map->fd = -1;
     EXPECT_EQ(store.add("more", "v"), ENOMEM);

@@ -16,6 +16,7 @@
 #include "diag/fail.h"
 #include "diag/log.h"
 #include "shkv_intf/addr.h"
+#include "shkv_intf/head.h"
 #include "shkv_intf/proc.h"
 #include "shkv_intf/sizing.h"
 #include "shkv_intf/word.h"
@@ -90,6 +91,14 @@ uint32_t whole_step(const grow_op *op_p)
     return step;
 }
 
+// What a lookup of this handle keeps by obj_ver, which does not move when a growth fails.
+void forget_view(const shkv_head *head)
+{
+    int handle = handle_of(head);
+    if (handle)
+        put32(&head_privs[handle - 1].view.md_ver_at, 0);
+}
+
 // Maps the object from byte 0. False when that fails; map[0] is null then.
 bool map_whole(ud_map *ud, uint32_t sz)
 {
@@ -106,6 +115,7 @@ int grow_whole(grow_op *op_p)
     ud_map *ud = op_p->ud;
     op_p->step = whole_step(op_p);
     LOG("%s: resize from %d to %d", "shkv_resize_ud", (int)op_p->old_sz, (int)(op_p->old_sz + op_p->step));
+    forget_view(op_p->head);
     if (ud->map[0])
         munmap(ud->map[0], ud->mapped_sz);
     ud->map[0] = nullptr;
