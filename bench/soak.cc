@@ -216,9 +216,12 @@ static bool writer_life(ledger *l, const char *name)
     int handle = l->cnt ? 0 : shkv_create(name, UUID_BIG_A, &params, 0, &err);
     if (!handle)
         handle = shkv_open(name, UUID_BIG_A, 0, SHKV_AM_WRITE, &err);
+    const uint32_t cnt = load(&l->cnt);
+    // Killed inside the create, or inside the destroy at the end: there is no store, by design.
+    if (!handle && (cnt == 0 || cnt == kMost))
+        return true;
     if (!handle)
         return fprintf(stderr, "writer: cannot open: %u\n", err), raise(&l->bad), false;
-    const uint32_t cnt = load(&l->cnt);
     for (uint32_t i = 0; i < cnt; i++)
         if (!record_good(handle, l, i))
             return fprintf(stderr, "record %u of %u is lost or wrong\n", i, cnt), raise(&l->bad), false;
@@ -305,7 +308,7 @@ static bool run_kills(uint32_t rounds, uint64_t seed)
             kills++;
             continue;
         }
-        // It reached the last record and destroyed its store: the next one begins.
+        // It reached the last record and destroyed its store, or found none: the next one begins.
         raise(&l->stop);
         child_good(reader);
         reader = 0, stores++;
