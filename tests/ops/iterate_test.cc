@@ -1,4 +1,5 @@
 #include <set>
+#include <unistd.h>
 
 #include "support/kv.h"
 
@@ -215,4 +216,26 @@ TEST(iterate, a_deleted_record_under_the_cursor_leads_on)
     }
     EXPECT_EQ(seen, 4u);
     EXPECT_EQ(faults_of("it_del"), "");
+}
+
+TEST(iterate, no_memory_behind_the_table_or_the_records_is_a_result)
+{
+    for (bool table : {false, true}) {
+        kv store = make_kv("it_cut", {16, 40, 4000, CONF_FIXEDMM, 0});
+        for (int i = 0; i < 4000; i++)
+            ASSERT_EQ(store.add(std::to_string(i), "value"), 0);
+        ASSERT_EQ(truncate(table ? "/dev/shm/shkvmu/it_cut_md1" : "/dev/shm/shkvmu/it_cut_ud1", 4096), 0);
+        EXPECT_EQ(reset(store), 0);
+        shkv_iter_pos pos;
+        int ret = 0, given = -1;
+        for (; ret == 0; given++)
+            ret = shkv_iterate(store.handle, nullptr, nullptr, &pos, 0);
+        EXPECT_EQ(ret, ENOMEM);
+        EXPECT_EQ(out_of_actual_mem, 0u);
+        if (table) { // a page of buckets, each with what stands in it; the cursor is past them
+            EXPECT_GT(given, 400);
+            EXPECT_EQ(store.head()->iter_bkt, 512u);
+        }
+        EXPECT_EQ(shkv_destroy(store.handle), 0);
+    }
 }

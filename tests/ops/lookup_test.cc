@@ -436,7 +436,7 @@ TEST(lookup, an_answer_holds_while_its_record_can_be_reached)
         chain_walk walk = walk_for(store, one.key);
         ASSERT_EQ(walk_find(&walk), 1);
         EXPECT_EQ(one.change(), 0) << one.what;
-        EXPECT_EQ(walk_still_holds(&walk), one.holds) << one.what;
+        EXPECT_EQ(walk_holds(&walk), one.holds) << one.what;
     }
 }
 

@@ -16,21 +16,22 @@ static inline uint8_t xor_bytes(uint64_t word)
 static inline uint8_t data_cksum_inline(const void *data, uint32_t len)
 {
     const unsigned char *at_p = (const unsigned char *)data;
+    if (__builtin_expect(len >= 16, 1)) {
+        // A stride fits at least eight times: bytes 0 to 6 of the sample are there whatever len is.
+        // One or more follow when len is no multiple of 8.
+        size_t step = len >> 3;
+        uint8_t acc = at_p[0] ^ at_p[step] ^ at_p[2 * step] ^ at_p[3 * step] ^ at_p[4 * step] ^ at_p[5 * step] ^
+                      at_p[6 * step];
+        for (size_t pos = 7 * step; pos + step < len; pos += step)
+            acc ^= at_p[pos];
+        return acc ^ at_p[len - 1];
+    }
     if (len < 8)
         return len ? xor_bytes(load_short(at_p, len)) : 0;
     if (len == 8)
         return xor_bytes(load64(at_p));
-    if (len < 16) { // the two words share 16 - len bytes
-        return xor_bytes(load64(at_p) ^ load64(at_p + len - 8) >> (8 * (16 - len)));
-    }
-    // A stride fits at least eight times: bytes 0 to 6 of the sample are there whatever len is.
-    // One or more follow when len is no multiple of 8.
-    size_t step = len >> 3;
-    uint8_t acc = at_p[0] ^ at_p[step] ^ at_p[2 * step] ^ at_p[3 * step] ^ at_p[4 * step] ^ at_p[5 * step] ^
-                  at_p[6 * step];
-    for (size_t pos = 7 * step; pos + step < len; pos += step)
-        acc ^= at_p[pos];
-    return acc ^ at_p[len - 1];
+    // 9 to 15: the two words share 16 - len bytes.
+    return xor_bytes(load64(at_p) ^ load64(at_p + len - 8) >> (8 * (16 - len)));
 }
 
 // Of a vector record: the first and last byte in use of each unit. It follows unit_next of a

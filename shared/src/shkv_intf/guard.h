@@ -2,23 +2,31 @@
 // cannot supply, or one that was cut off, faults at the first touch, and the handler jumps to the
 // place that was armed last in this process.
 //
-// A function that arms the guard is small, and what it does after coming back looks only at its
-// parameters, at memory behind them and at globals: registers and spilled locals are those of the
-// moment of arming. The armed place dies with the function, so all guarded loads lie inside it.
+// A function that arms the guard is small, and what follows its label looks only at globals and at
+// volatile locals of its outermost block: registers are lost, and the rest of the stack is that of
+// the fault. The armed place dies with the function, so all guarded loads lie inside it.
 #pragma once
 #include "shkv.h"
 
-// False when armed, true when a fault has come back here.
-#define GUARD_FAULTED() (sigsetjmp(sigbus_jmp, 0) != 0)
+// Arms the guard; a fault goes to label.
+#define GUARD(label)                                    \
+    do {                                                \
+        if (__builtin_expect(guard_quick, 1))           \
+            GUARD_ARM(label);                           \
+        else if (sigsetjmp(sigbus_jmp, 0) != 0)         \
+            goto label;                                 \
+    } while (0)
 
-// The same without a call, where every nanosecond counts: stores what the C library's sigsetjmp
-// would, with a label to come back to. Only while guard_quick is true: it is found out at load that
-// the library's own jump reads its buffer this way.
+// Stands between the last guarded call and the return: without it that call could be made in place
+// of the return, when the frame to come back to is gone.
+#define GUARD_HELD() asm volatile("" : : : "memory")
+
+// GUARD without a call: stores what the C library's sigsetjmp would, with the label to come back
+// to. Only while guard_quick is true: it is found out at load that the library's own jump reads its
+// buffer this way.
 //
 // Nothing lives on in a register, but for the stack and frame pointers, which come back as they
-// were: the function gives its caller's registers back from where it saved them. But the rest of the
-// stack is that of the fault: the label may use only volatile locals of the function's outermost
-// block, which nothing else is laid over.
+// were: the function gives its caller's registers back from where it saved them.
 extern bool guard_quick;
 
 #if defined(__x86_64__) && defined(__GLIBC__)

@@ -17,6 +17,7 @@
 #include "shkv_intf/chain.h"
 #include "shkv_intf/guard.h"
 #include "shkv_intf/obj_remap.h"
+#include "shkv_intf/quick.h"
 #include "shkv_intf/record.h"
 #include "shkv_intf/walk.h"
 
@@ -129,10 +130,8 @@ static inline void fetch_ahead(const iter_op *op_p, uint32_t bkt)
 // table, ENOMEM when there is no memory behind the table; iter_bkt has moved then.
 static __attribute__((noinline)) int next_bucket(const iter_op *op_p)
 {
-    shkv_head *head = op_p->head;
-    if (GUARD_FAULTED())
-        return ENOMEM;
-    for (;;) {
+    GUARD(faulted);
+    for (shkv_head *head = op_p->head;;) {
         uint32_t bkt = ++head->iter_bkt;
         __atomic_signal_fence(__ATOMIC_SEQ_CST); // a fault below finds the cursor moved
         if (bkt >= op_p->bkts)
@@ -147,18 +146,21 @@ static __attribute__((noinline)) int next_bucket(const iter_op *op_p)
         head->iter_cnt = 0;
         return 0;
     }
+faulted:
+    return ENOMEM;
 }
 
 static __attribute__((noinline)) int reset_cursor(const iter_op *op_p)
 {
     op_p->head->iter_bkt = 0;
-    if (GUARD_FAULTED())
-        return ENOMEM;
-    if (op_p->mapped_bkts == 0)
-        return ENOMEM;
-    op_p->head->iter_off = get32(&op_p->md_base[0].first_ptr);
-    op_p->head->iter_cnt = 0;
-    return 0;
+    GUARD(faulted);
+    if (op_p->mapped_bkts != 0) {
+        op_p->head->iter_off = get32(&op_p->md_base[0].first_ptr);
+        op_p->head->iter_cnt = 0;
+        return 0;
+    }
+faulted:
+    return ENOMEM;
 }
 
 // ---- The record ---------------------------------------------------------------------------------
@@ -200,8 +202,9 @@ static int copy_part(const iter_op *op_p, shkv_buf *buf, int which)
                                op_p->shared_map, op_p->limit, op_p->ring_p);
         if (ret != 0)
             return ret;
-    } else if (op_p->fixed && size) {
-        memcpy(buf->ptr, (const char *)op_p->udn_p + UDN_HEAD_SZ + (which == REC_KEY ? 0 : op_p->key_sz), size);
+    } else if (op_p->fixed) {
+        quick_copy(buf->ptr, (const char *)op_p->udn_p + UDN_HEAD_SZ + (which == REC_KEY ? 0 : op_p->key_sz),
+                   size);
     }
     buf->len = size;
     return 0;
@@ -229,11 +232,9 @@ static int give_value(const iter_op *op_p)
     return ret ? ret : copy_part(op_p, val, REC_VALUE);
 }
 
-static __attribute__((noinline)) int give_record(iter_op *op_p)
+static int give_record(iter_op *op_p)
 {
     shkv_head *head = op_p->head;
-    if (GUARD_FAULTED())
-        return ENOMEM;
     udn *udn_p = op_p->udn_p;
     uint32_t sizes = udn_sizes(udn_p);
     op_p->key_sz = sizes & 0xffff;
@@ -252,6 +253,18 @@ static __attribute__((noinline)) int give_record(iter_op *op_p)
     head->iter_off = get32(chain_link_p(udn_p, op_p->md1));
     head->iter_cnt = ordinal;
     return 0;
+}
+
+static __attribute__((noinline)) int give_guarded(iter_op *op_p)
+{
+    GUARD(faulted);
+    {
+        int ret = give_record(op_p);
+        GUARD_HELD();
+        return ret;
+    }
+faulted:
+    return ENOMEM;
 }
 
 // ---- The flow -----------------------------------------------------------------------------------
@@ -274,7 +287,7 @@ static int iterate_once(iter_op *op_p, int reset)
     void *ud_base = op_p->ud_base;
     assert(ud_base);
     op_p->udn_p = (udn *)record_at(op_p, head->iter_off);
-    return give_record(op_p);
+    return give_guarded(op_p);
 }
 
 int shkv_iterate(int handle, shkv_buf *key, shkv_buf *val, shkv_iter_pos *pos, int reset)

@@ -90,11 +90,12 @@ static int take_answer(const chain_walk *walk_p, shkv_buf *value)
 static __attribute__((noinline)) bool take_guarded(const chain_walk *walk_p, shkv_buf *value, int *answer_p,
                                                    bool *holds_p)
 {
-    if (GUARD_FAULTED())
-        return false;
+    GUARD(faulted);
     *answer_p = take_answer(walk_p, value);
-    *holds_p = walk_still_holds(walk_p);
+    *holds_p = walk_holds(walk_p);
     return true;
+faulted:
+    return false;
 }
 
 static int no_room(const lookup_op *op_p, uint32_t val_sz)
@@ -337,8 +338,8 @@ int shkv_lookup(int handle, const shkv_buf *key, shkv_buf *value)
     volatile int handle_arg = handle;
     const shkv_buf *volatile key_arg = key;
     shkv_buf *volatile value_arg = value;
-    if (LIKELY(guard_quick)) {
-        GUARD_ARM(in_full);
+    GUARD_ARM(in_full); // for what a view leads to; without one nothing is looked at under it
+    {
         key = key_arg;
         value = value_arg;
         shkv_head *head = nullptr;
@@ -346,9 +347,12 @@ int shkv_lookup(int handle, const shkv_buf *key, shkv_buf *value)
         if (LIKELY(view_p && quick_args_ok(key, value))) {
             const char *key_p = (const char *)key->ptr;
             uint32_t key_len = key->len;
-            if (LIKELY(quick_look(head, view_p, quick_bucket(view_p, key_p, key_len), key_p, key_len, value) ==
-                       0))
+            const mdn *bucket = quick_bucket(view_p, key_p, key_len);
+            int ret = quick_look(head, view_p, bucket, key_p, key_len, value);
+            if (LIKELY(ret == 0))
                 return 0;
+            if (ret == QUICK_MISS && quick_miss(head, view_p, bucket, key_p, key_len) == ENOENT)
+                return ENOENT;
         }
     }
 in_full:

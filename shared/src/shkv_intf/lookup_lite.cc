@@ -9,10 +9,24 @@
 #include "diag/trace.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/chain.h"
+#include "shkv_intf/guard.h"
 #include "shkv_intf/obj_remap.h"
+#include "shkv_intf/quick.h"
 #include "shkv_intf/walk.h"
 
 #define LOOK_AGAIN (-1)
+
+static __attribute__((noinline)) bool holds_guarded(const chain_walk *walk_p)
+{
+    GUARD(faulted);
+    {
+        bool holds = walk_holds(walk_p);
+        GUARD_HELD();
+        return holds;
+    }
+faulted:
+    return false;
+}
 
 static int look(shkv_head *head, int shkvh, const shkv_buf *key, shkv_buf *value)
 {
@@ -42,14 +56,14 @@ static int look(shkv_head *head, int shkvh, const shkv_buf *key, shkv_buf *value
         bool moved = get32(&sn->comm_flg) != flg || get32(&desc->obj_ver) != rec->ver;
         return walk.err == ENOMEM || moved ? LOOK_AGAIN : ENOENT;
     }
-    if (!walk_still_holds(&walk))
+    if (!holds_guarded(&walk))
         return LOOK_AGAIN;
     value->ptr = (char *)walk.udn_p + UDN_HEAD_SZ + key->len;
     value->len = walk.sizes >> 16;
     return 0;
 }
 
-int shkv_lookup_lite(int handle, const shkv_buf *key, shkv_buf *value)
+static __attribute__((noinline)) int lite_in_full(int handle, const shkv_buf *key, shkv_buf *value)
 {
     shkv_head *head = check_shkv_hdl(handle);
     if (!head)
@@ -69,4 +83,31 @@ int shkv_lookup_lite(int handle, const shkv_buf *key, shkv_buf *value)
         if (ret != LOOK_AGAIN)
             return ret;
     }
+}
+
+// The hit of a store in the common state, as in shkv_lookup.
+int shkv_lookup_lite(int handle, const shkv_buf *key, shkv_buf *value)
+{
+    volatile int handle_arg = handle;
+    const shkv_buf *volatile key_arg = key;
+    shkv_buf *volatile value_arg = value;
+    GUARD_ARM(in_full);
+    {
+        key = key_arg;
+        value = value_arg;
+        shkv_head *head = nullptr;
+        const quick_view *view_p = quick_view_of(handle_arg, &head);
+        if (LIKELY(view_p && (view_p->flg & CF_UD1) && value && quick_key_ok(key))) {
+            const char *key_p = (const char *)key->ptr;
+            uint32_t key_len = key->len;
+            const mdn *bucket = quick_bucket(view_p, key_p, key_len);
+            int ret = quick_look_lite(head, view_p, bucket, key_p, key_len, value);
+            if (LIKELY(ret == 0))
+                return 0;
+            if (ret == QUICK_MISS && quick_miss(head, view_p, bucket, key_p, key_len) == ENOENT)
+                return ENOENT;
+        }
+    }
+in_full:
+    return lite_in_full(handle_arg, key_arg, value_arg);
 }

@@ -1,7 +1,9 @@
-// Makes the view that quick.h works from.
+// Makes the view that quick.h works from, and the walks of a miss.
 #include "shkv_intf/quick.h"
 
+#include <errno.h>
 #include "shkv_intf/addr.h"
+#include "shkv_intf/guard.h"
 
 #define QUICK_MIN_SZ 4096u // a mapping that holds any key's offset arithmetic without wrapping
 
@@ -27,13 +29,14 @@ static uint32_t offset_in(const supernode *sn, const uint32_t *word_p)
     return (uint32_t)((const char *)word_p - (const char *)sn);
 }
 
-// Nothing is remapped or bound here: that is the full lookup's, which comes next.
+// Without the quick guard there are no views. Nothing is remapped or bound here: that is the full lookup's,
+// which comes next.
 bool quick_make_view(shkv_head *head, quick_view *view_p)
 {
     supernode *sn = head->sn;
     uint32_t flg = get32(&sn->comm_flg);
     put32(&view_p->md_ver_at, 0); // no view, for a thread beside this one, until it is whole again
-    if (!is_fixed(sn) || (sn->conf_flg & CONF_SHMAP) || !plain_state(flg, head->access_mode))
+    if (!guard_quick || !is_fixed(sn) || (sn->conf_flg & CONF_SHMAP) || !plain_state(flg, head->access_mode))
         return false;
     active_db db = {}, none = {};
     get_active_db(&db, &none, head, flg);
@@ -62,4 +65,35 @@ bool quick_make_view(shkv_head *head, quick_view *view_p)
     *view_p = view;
     put32(&view_p->md_ver_at, md_ver_at);
     return true;
+}
+
+// Whether the store is in the state that the view was made from, and the view still that one: a
+// thread beside this one may have made it anew while its fields were read.
+static bool still_in_state(const supernode *sn, const quick_view *view_p, const quick_view *then_p)
+{
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    const char *base = (const char *)sn;
+    return view_p->flg == then_p->flg && view_p->md_ver == then_p->md_ver && view_p->ud_ver == then_p->ud_ver &&
+           get32(&view_p->md_ver_at) == then_p->md_ver_at && get32(&sn->comm_flg) == then_p->flg &&
+           get32((const uint32_t *)(const void *)(base + then_p->md_ver_at)) == then_p->md_ver &&
+           get32((const uint32_t *)(const void *)(base + then_p->ud_ver_at)) == then_p->ud_ver;
+}
+
+int quick_miss(const shkv_head *head, const quick_view *view_p, const mdn *bucket, const char *key_p,
+               uint32_t key_len)
+{
+    quick_view then = *view_p;
+    uint32_t steps = 0, seen = 0;
+    for (uint32_t walks = 1;; walks++) {
+        GUARD_ARM(faulted);
+        quick_hit hit = quick_find(&then, bucket, key_p, key_len);
+        steps += hit.depth + 1;
+        if (hit.off != 0 || (walks > 1 && hit.seen != seen))
+            return QUICK_NO;
+        seen = hit.seen;
+        if (walk_enough(walks, steps))
+            return still_in_state(head->sn, view_p, &then) ? ENOENT : QUICK_NO;
+    }
+faulted:
+    return QUICK_NO;
 }

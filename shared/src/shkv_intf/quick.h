@@ -1,9 +1,9 @@
 // The quick look: an ordinary hit of a fixed-mode store, in one piece of code without a call.
 //
 // It serves the common state only: fixed records, no reshape, no transaction of this handle's own,
-// all mappings in step. Whatever else it meets - a miss, a bad argument, too little room, a bad
-// checksum, a record that does not vouch for its answer - it leaves to the full lookup, which
-// begins anew and says what there is to say. So nothing here writes a line or an event.
+// all mappings in step. Whatever else it meets - a bad argument, too little room, a bad checksum, a
+// record that does not vouch for its answer - it leaves to the full lookup, which begins anew and
+// says what there is to say. So nothing here writes a line or an event.
 #pragma once
 #include <string.h>
 #include "shkv.h"
@@ -15,7 +15,8 @@
 #include "shkv_intf/word.h"
 
 #define QUICK_DEPTH 16u // records of one chain; longer ones are the full lookup's
-#define QUICK_NO (-1)
+#define QUICK_NO (-1)   // for the full lookup
+#define QUICK_MISS (-2) // one walk has met a chain's end
 #define QUICK_INLINE static inline __attribute__((always_inline))
 #define LIKELY(cond) __builtin_expect(!!(cond), 1)
 #define UNLIKELY(cond) __builtin_expect(!!(cond), 0)
@@ -43,10 +44,14 @@ QUICK_INLINE const quick_view *quick_view_of(int handle, shkv_head **head_out)
     return view_p;
 }
 
+QUICK_INLINE bool quick_key_ok(const shkv_buf *key)
+{
+    return LIKELY(key && key->ptr && key->len && key->len <= REC_KEY_MAX);
+}
+
 QUICK_INLINE bool quick_args_ok(const shkv_buf *key, const shkv_buf *value)
 {
-    return LIKELY(key && key->ptr && key->len && key->len <= REC_KEY_MAX && value &&
-                  (value->ptr || !value->len));
+    return LIKELY(quick_key_ok(key) && value && (value->ptr || !value->len));
 }
 
 // hash % hashsz without a division: the low half of recip * hash is the fraction that hash leaves,
@@ -74,10 +79,11 @@ QUICK_INLINE const mdn *quick_bucket(const quick_view *view_p, const char *key_p
 // Where a quick walk stands when it has found the key.
 struct quick_hit {
     const udn *udn_p; // null when it has not
-    uint32_t off;
+    uint32_t off;     // of that record; without one, 0 at a chain's end
     uint32_t off_max; // a record above it has its head or its key outside the mapping
     uint32_t sizes;
     uint32_t depth; // records before it
+    uint32_t seen;  // mix of their offsets
 };
 
 QUICK_INLINE bool quick_equal(const void *a, const void *b, uint32_t len)
@@ -121,12 +127,13 @@ QUICK_INLINE quick_hit quick_find(const quick_view *view_p, const mdn *bucket, c
             hit.udn_p = udn_p;
             return hit;
         }
+        hit.seen = walk_mix(hit.seen, hit.off);
         hit.off = get32((const uint32_t *)(const void *)((const char *)udn_p + view_p->link_at));
     }
     return hit;
 }
 
-// What walk_still_holds asks, along the way that the walk took, and that the table is still the one
+// What walk_holds asks, along the way that the walk took, and that the table is still the one
 // of the snapshot: a record of a table that was left behind is reused with its links standing.
 QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, uint32_t flg, const mdn *bucket,
                               const quick_hit *hit_p, uint32_t marks)
@@ -144,14 +151,14 @@ QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, u
     return LIKELY(changed == 0);
 }
 
-// The whole hit: 0, or QUICK_NO.
+// The whole hit: 0, QUICK_NO or QUICK_MISS.
 QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
                             const char *key_p, uint32_t key_len, shkv_buf *value)
 {
     uint32_t flg = view_p->flg;
     quick_hit hit = quick_find(view_p, bucket, key_p, key_len);
     if (UNLIKELY(!hit.udn_p))
-        return QUICK_NO;
+        return hit.off ? QUICK_NO : QUICK_MISS;
     uint32_t marks = udn_marks(hit.udn_p), val_sz = hit.sizes >> 16, size = key_len + val_sz;
     const char *data_p = (const char *)hit.udn_p + UDN_HEAD_SZ;
     uint64_t end = (uint64_t)hit.off + UDN_HEAD_SZ + size;
@@ -165,3 +172,25 @@ QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, con
     value->len = val_sz;
     return 0;
 }
+
+// The same without a copy and a checksum, whatever mark the record bears.
+QUICK_INLINE int quick_look_lite(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
+                                 const char *key_p, uint32_t key_len, shkv_buf *value)
+{
+    uint32_t flg = view_p->flg;
+    quick_hit hit = quick_find(view_p, bucket, key_p, key_len);
+    if (UNLIKELY(!hit.udn_p))
+        return hit.off ? QUICK_NO : QUICK_MISS;
+    uint32_t marks = udn_marks(hit.udn_p), val_sz = hit.sizes >> 16;
+    uint64_t end = (uint64_t)hit.off + UDN_HEAD_SZ + key_len + val_sz;
+    if (UNLIKELY(end > view_p->limit || !quick_holds(head, view_p, flg, bucket, &hit, marks)))
+        return QUICK_NO;
+    value->ptr = const_cast<char *>((const char *)hit.udn_p) + UDN_HEAD_SZ + key_len;
+    value->len = val_sz;
+    return 0;
+}
+
+// The walks of a miss, as many as there must be: ENOENT, or QUICK_NO when they do not agree, meet the
+// key after all, or end in another state than they began.
+int quick_miss(const shkv_head *head, const quick_view *view_p, const mdn *bucket, const char *key_p,
+               uint32_t key_len) __attribute__((noinline));

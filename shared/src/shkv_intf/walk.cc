@@ -10,7 +10,7 @@
 //   vector's unit) to bytes that are no link at all. A failure of such a walk is no failure of the
 //   store; it counts only while the record that it came from can still be reached.
 //
-// What walk_still_holds vouches for. Before a node is handed out again its record is unlinked, by a
+// What walk_holds vouches for. Before a node is handed out again its record is unlinked, by a
 // store into first_ptr or into the link of the record before it. The look goes from first_ptr to the
 // record anew, after the answer was taken. If it arrives, then the record was in the chain at some
 // moment after the answer was complete: each record on the way was in the chain when its link was
@@ -31,8 +31,6 @@
 #include "shkv_intf/guard.h"
 #include "shkv_intf/record.h"
 
-#define WALKS 12u     // of a miss
-#define STEPS 12u     // more than these, and two walks are enough
 #define WALKS_MAX 64u // of a miss whose walks do not come to agree
 
 enum { KEY_DIFFERS, KEY_EQUAL, KEY_OUTSIDE };
@@ -105,10 +103,8 @@ static bool leads_to(const chain_walk *walk_p, uint32_t off)
     return at_off == off;
 }
 
-__attribute__((noinline)) bool walk_still_holds(const chain_walk *walk_p)
+bool walk_holds(const chain_walk *walk_p)
 {
-    if (GUARD_FAULTED())
-        return false;
     // The loads that gave the answer stay ahead of those that vouch for it.
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
     return leads_to(walk_p, walk_p->off) && udn_sizes(walk_p->udn_p) == walk_p->sizes &&
@@ -222,7 +218,7 @@ static int walk_chain(chain_walk *walk_p)
         if (end != WALK_END)
             return end;
         walk_p->prev_p = walk_p->udn_p;
-        walk_p->seen = (walk_p->seen << 5 | walk_p->seen >> 27) * 0x9e3779b1u + off;
+        walk_p->seen = walk_mix(walk_p->seen, off);
         uint32_t next = next_off(walk_p, walk_p->udn_p);
         if (next != 0 && (left == 0 || !head_inside(walk_p, next)))
             return link_outside(walk_p, next);
@@ -233,16 +229,26 @@ static int walk_chain(chain_walk *walk_p)
     return WALK_END;
 }
 
-// Guarded: no memory behind a page of the mapping ends the walk.
+// No memory behind a page of the mapping.
+static int walk_faulted(chain_walk *walk_p)
+{
+    walk_p->udn_p = nullptr;
+    walk_p->err = ENOMEM;
+    out_of_actual_mem = 1;
+    return WALK_FAILED;
+}
+
 static __attribute__((noinline)) int walk_guarded(chain_walk *walk_p)
 {
-    if (GUARD_FAULTED()) {
-        walk_p->udn_p = nullptr;
-        walk_p->err = ENOMEM;
-        out_of_actual_mem = 1;
-        return WALK_FAILED;
+    chain_walk *volatile walk_arg = walk_p;
+    GUARD(faulted);
+    {
+        int end = walk_chain(walk_arg);
+        GUARD_HELD();
+        return end;
     }
-    return walk_chain(walk_p);
+faulted:
+    return walk_faulted(walk_arg);
 }
 
 int walk_find(chain_walk *walk_p)
@@ -255,8 +261,7 @@ int walk_find(chain_walk *walk_p)
         if (end == WALK_FOUND || end == WALK_FAILED)
             return end == WALK_FOUND;
         bool agreed = end == WALK_END && last_end == WALK_END && walk_p->seen == last_seen;
-        bool enough = (walks > 1 && walk_p->steps > STEPS) || walks >= WALKS;
-        if ((enough && agreed) || walks >= WALKS_MAX)
+        if ((walk_enough(walks, walk_p->steps) && agreed) || walks >= WALKS_MAX)
             return 0;
         last_end = end;
     }

@@ -41,9 +41,10 @@ void walk_init(chain_walk *walk_p, shkv_head *head, const mdn *md_base, const md
 // A reader's search. 1: found, 0: a miss, or a failure with ENOMEM in walk_p->err.
 int walk_find(chain_walk *walk_p);
 
-// Whether the record that the walk found is reachable now and its head unchanged. Taken after an
-// answer, it vouches for the answer: see walk.cc for what it can and cannot tell.
-bool walk_still_holds(const chain_walk *walk_p);
+// Whether the record that the walk found is reachable now and its head unchanged. Asked after an
+// answer was taken, it vouches for the answer: see walk.cc for what it can and cannot tell. Under
+// the caller's guard.
+bool walk_holds(const chain_walk *walk_p);
 
 // The two words of a record's head that do not change while it is linked.
 static inline uint32_t udn_sizes(const udn *udn_p)
@@ -57,3 +58,17 @@ static inline uint32_t udn_marks(const udn *udn_p)
 }
 #define MARKS_DELETED (UDN_DELETED << 16) // nd_flg and cksum as they lie in udn_marks
 #define MARKS_CKSUM(marks) ((uint8_t)((marks) >> 24))
+
+// How many walks a miss takes at least, and what tells two walks apart.
+#define WALKS 12u // of a miss
+#define STEPS 12u // more than these, and two walks are enough
+
+static inline bool walk_enough(uint32_t walks, uint32_t steps)
+{
+    return (walks > 1 && steps > STEPS) || walks >= WALKS;
+}
+
+static inline uint32_t walk_mix(uint32_t seen, uint32_t off)
+{
+    return (seen << 5 | seen >> 27) * 0x9e3779b1u + off;
+}
