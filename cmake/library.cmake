@@ -16,7 +16,11 @@ function(shkv_variant name kind)
   target_link_options(${name} PUBLIC ${ARGN})
 endfunction()
 
-shkv_variant(ovo_shkv SHARED)
+# One set of objects makes the shared library and the tests' static one.
+shkv_variant(shkv_objects OBJECT)
+add_library(ovo_shkv SHARED $<TARGET_OBJECTS:shkv_objects>)
+target_include_directories(ovo_shkv PUBLIC
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set_target_properties(ovo_shkv PROPERTIES SOVERSION 0 VERSION ${PROJECT_VERSION} LINKER_LANGUAGE C)
 target_link_options(ovo_shkv PRIVATE -Wl,-z,defs -Wl,--as-needed)
 
