@@ -22,6 +22,9 @@ static int find_free_slot()
 }
 
 // access_mode goes in last: a slot without it is no open store.
+// One empty bucket, the table of a handle that has no view of its own yet.
+static const mdn no_bucket = {};
+
 static void fill_slot(int slot, const shkv_head *local_p)
 {
     shkv_head *head = &shkv_db_heads[slot];
@@ -32,6 +35,7 @@ static void fill_slot(int slot, const shkv_head *local_p)
     fresh.access_mode = 0;
     fresh.open_tid = my_tid();
     head_privs[slot] = {};
+    head_privs[slot].view.md_base = &no_bucket; // no view; also for a store whose magic word was overwritten
     *head = fresh;
     put32(&head->access_mode, local_p->access_mode);
 }

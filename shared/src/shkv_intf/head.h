@@ -17,7 +17,8 @@ struct quick_view {
     uint32_t ud_ver;    // obj_ver of the record space
     uint32_t md_ver_at; // where these two lie in the supernode. 0: no view, for magichead is never 0
     uint32_t ud_ver_at;
-    uint32_t link_at;   // where in a record the table's link lies
+    uint16_t link_at;   // where in a record the table's link lies
+    uint16_t vector;    // the form of the store's records
     uint32_t hashsz;
     uint32_t limit;     // bytes of the record space that are mapped
     uint64_t recip;     // ceil(2^64 / hashsz)
@@ -30,6 +31,7 @@ struct quick_view {
 // shkv_set_heads.
 struct alignas(64) head_priv {
     quick_view view;
+    uint32_t view_busy;     // a thread makes the view
     uint32_t wprot;           // non-zero: this process's own UD mapping is read-only now
     uint32_t intrm_put_cnt;   // writes of a reshape since this writer last saw its list empty
     uint32_t resh_end;        // RESH_*: how far a reshaper's handle has come with its end (mover.h)

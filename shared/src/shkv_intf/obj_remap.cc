@@ -67,6 +67,7 @@ static int bind_by_desc(shkv_head *head, const md_desc *desc_p, md_rec *rec_p)
 static int remap_md(shkv_head *head, const md_desc *desc_p, md_rec *rec_p, int prot, uint32_t *err_p)
 {
     uint32_t ver = get32(&desc_p->obj_ver); // before obj_sz: see obj_open.cc
+    int bound = bind_by_desc(head, desc_p, rec_p); // before the version, which says that it fits
     if (ver != rec_p->ver) {
         uint32_t obj_sz = get32(&desc_p->obj_sz);
         mdn *old_p = rec_p->base;
@@ -82,7 +83,7 @@ static int remap_md(shkv_head *head, const md_desc *desc_p, md_rec *rec_p, int p
         put32(&rec_p->mapped_sz, obj_sz);
         put32(&rec_p->ver, ver);
     }
-    return bind_by_desc(head, desc_p, rec_p);
+    return bound;
 }
 
 // Record spaces ---------------------------------------------------------------------------------

@@ -1,4 +1,4 @@
-// Makes the view that quick.h works from, and the walks of a miss.
+// The quick look's cold half: the view, the walks of a miss, the vectors.
 #include "shkv_intf/quick.h"
 
 #include <errno.h>
@@ -29,43 +29,59 @@ static uint32_t offset_in(const supernode *sn, const uint32_t *word_p)
     return (uint32_t)((const char *)word_p - (const char *)sn);
 }
 
-// Without the quick guard there are no views. Nothing is remapped or bound here: that is the full lookup's,
-// which comes next.
-bool quick_make_view(shkv_head *head, quick_view *view_p)
+// Nothing is remapped or bound here: that is the full lookup's, which comes next.
+static bool fill_view(shkv_head *head, quick_view *view_p)
 {
     supernode *sn = head->sn;
     uint32_t flg = get32(&sn->comm_flg);
-    put32(&view_p->md_ver_at, 0); // no view, for a thread beside this one, until it is whole again
-    if (!guard_quick || !is_fixed(sn) || (sn->conf_flg & CONF_SHMAP) || !plain_state(flg, head->access_mode))
+    if (!(is_fixed(sn) || is_vector(sn)) || is_shared_map(head) || !plain_state(flg, head->access_mode))
         return false;
     active_db db = {}, none = {};
     get_active_db(&db, &none, head, flg);
     const ud_desc *ud_desc_p = flg & CF_UD1 ? &sn->ud1 : &sn->ud2;
     if (!db.ud || !db.rec->hash_fn)
         return false;
-    quick_view view = {};
-    view.flg = flg;
-    view.md_ver = get32(&db.rec->ver); // stored after what it vouches for
-    view.ud_ver = get32(&db.ud->ver);
-    view.md_ver_at = offset_in(sn, &db.desc->obj_ver);
-    view.ud_ver_at = offset_in(sn, &ud_desc_p->obj_ver);
-    view.link_at = flg & CF_MD1 ? offsetof(udn, md1_next) : offsetof(udn, md2_next);
-    view.hashsz = get32(&db.desc->hashsz);
-    view.limit = db.ud->mapped_sz;
-    view.md_base = db.rec->base;
-    view.ud_base = (char *)db.ud->map[0];
-    view.hash_fn = db.rec->hash_fn == dekhash ? nullptr : db.rec->hash_fn;
-    if (!view.md_base || !view.ud_base || view.limit < QUICK_MIN_SZ || view.hashsz == 0 ||
-        view.hashsz > db.rec->mapped_sz / sizeof(mdn) || view.md_ver != get32(&db.desc->obj_ver) ||
-        view.ud_ver != get32(&ud_desc_p->obj_ver) || get32(&sn->comm_flg) != flg)
+    view_p->flg = flg;
+    view_p->md_ver = get32(&db.rec->ver); // stored after what it vouches for
+    view_p->ud_ver = get32(&db.ud->ver);
+    view_p->md_ver_at = offset_in(sn, &db.desc->obj_ver);
+    view_p->ud_ver_at = offset_in(sn, &ud_desc_p->obj_ver);
+    view_p->link_at = flg & CF_MD1 ? offsetof(udn, md1_next) : offsetof(udn, md2_next);
+    view_p->vector = is_vector(sn);
+    view_p->hashsz = get32(&db.desc->hashsz);
+    view_p->limit = db.ud->mapped_sz;
+    view_p->md_base = db.rec->base;
+    view_p->ud_base = (char *)db.ud->map[0];
+    view_p->hash_fn = db.rec->hash_fn == dekhash ? nullptr : db.rec->hash_fn;
+    if (!view_p->md_base || !view_p->ud_base || view_p->limit < QUICK_MIN_SZ || view_p->hashsz == 0 ||
+        view_p->hashsz > db.rec->mapped_sz / sizeof(mdn))
         return false;
-    view.recip = UINT64_MAX / view.hashsz + 1; // 0 for a single bucket, which gives bucket 0
-    uint32_t md_ver_at = view.md_ver_at;
-    view.md_ver_at = 0;
-    *view_p = view;
-    put32(&view_p->md_ver_at, md_ver_at);
-    return true;
+    view_p->recip = UINT64_MAX / view_p->hashsz + 1; // 0 for a single bucket, which gives bucket 0
+    return view_p->md_ver == get32(&db.desc->obj_ver) && view_p->ud_ver == get32(&ud_desc_p->obj_ver) &&
+           get32(&sn->comm_flg) == flg;
 }
+
+// One thread at a time; another one does without. There is no view while its fields are stored.
+// Without the quick guard there is none at all.
+bool quick_make_view(shkv_head *head, head_priv *priv_p)
+{
+    quick_view view = {};
+    if (!guard_quick || __atomic_exchange_n(&priv_p->view_busy, 1, __ATOMIC_ACQUIRE))
+        return false;
+    put32(&priv_p->view.md_ver_at, 0);
+    __atomic_thread_fence(__ATOMIC_RELEASE); // a look that meets a new field meets the 0 or the new word
+    bool made = fill_view(head, &view);
+    if (made) {
+        uint32_t md_ver_at = view.md_ver_at;
+        view.md_ver_at = 0;
+        priv_p->view = view;
+        put32(&priv_p->view.md_ver_at, md_ver_at);
+    }
+    put32(&priv_p->view_busy, 0);
+    return made;
+}
+
+// ---- Misses -------------------------------------------------------------------------------------
 
 // Whether the store is in the state that the view was made from, and the view still that one: a
 // thread beside this one may have made it anew while its fields were read.
@@ -86,7 +102,8 @@ int quick_miss(const shkv_head *head, const quick_view *view_p, const mdn *bucke
     uint32_t steps = 0, seen = 0;
     for (uint32_t walks = 1;; walks++) {
         GUARD_ARM(faulted);
-        quick_hit hit = quick_find(&then, bucket, key_p, key_len);
+        quick_hit hit = then.vector ? quick_find(&then, bucket, key_p, key_len, true)
+                                    : quick_find(&then, bucket, key_p, key_len, false);
         steps += hit.depth + 1;
         if (hit.off != 0 || (walks > 1 && hit.seen != seen))
             return QUICK_NO;
@@ -96,4 +113,87 @@ int quick_miss(const shkv_head *head, const quick_view *view_p, const mdn *bucke
     }
 faulted:
     return QUICK_NO;
+}
+
+// ---- Vectors ------------------------------------------------------------------------------------
+
+// The unit that a link names, or null outside.
+QUICK_INLINE const char *next_unit(const quick_view *view_p, const char *unit_p, uint32_t off_max)
+{
+    uint32_t off = get32((const uint32_t *)(const void *)unit_p);
+    return LIKELY(off != 0 && off <= off_max) ? view_p->ud_base + off : nullptr;
+}
+
+// Asks for what the copy will want of a unit, and, where units stand one behind the other, as those
+// of a fresh space do, for the unit behind it, whose link is not known yet.
+QUICK_INLINE void fetch_unit(const char *unit_p, const char *prev_p, bool more)
+{
+    __builtin_prefetch(unit_p + 64);
+    if (more && unit_p == prev_p + VEC_UNIT_SZ) {
+        __builtin_prefetch(unit_p + VEC_UNIT_SZ);
+        __builtin_prefetch(unit_p + VEC_UNIT_SZ + 64);
+    }
+}
+
+// The first and last byte in use of each unit. -1 when a link leads outside.
+static int vector_cksum(const quick_view *view_p, const quick_hit *hit_p, uint32_t unit_cnt, uint32_t stream_sz)
+{
+    const char *unit_p = (const char *)hit_p->udn_p;
+    uint32_t last_at = (stream_sz + VEC_HEAD_SZ + 4 * (unit_cnt - 1) - 1) % VEC_UNIT_SZ;
+    uint8_t acc = (uint8_t)unit_p[VEC_HEAD_SZ];
+    for (uint32_t left = unit_cnt - 1; left; left--) {
+        const char *next_p = next_unit(view_p, unit_p, hit_p->off_max);
+        if (!next_p)
+            return -1;
+        fetch_unit(next_p, unit_p, left > 1);
+        acc ^= (uint8_t)unit_p[VEC_UNIT_SZ - 1] ^ (uint8_t)next_p[4];
+        unit_p = next_p;
+    }
+    return acc ^ (uint8_t)unit_p[last_at];
+}
+
+// The value, size bytes of it, from at within the first unit. False when a link leads outside.
+static bool vector_copy(const quick_view *view_p, const quick_hit *hit_p, uint32_t at, uint32_t size,
+                        char *dst_p)
+{
+    const uint32_t room = VEC_UNIT_SZ - 4;
+    const char *unit_p = (const char *)hit_p->udn_p;
+    if (size <= VEC_UNIT_SZ - at) {
+        memcpy(dst_p, unit_p + at, size);
+        return true;
+    }
+    memcpy(dst_p, unit_p + at, VEC_UNIT_SZ - at);
+    dst_p += VEC_UNIT_SZ - at;
+    size -= VEC_UNIT_SZ - at;
+    for (;; size -= room, dst_p += room) {
+        unit_p = next_unit(view_p, unit_p, hit_p->off_max);
+        if (!unit_p)
+            return false;
+        if (size <= room)
+            break;
+        memcpy(dst_p, unit_p + 4, room);
+    }
+    memcpy(dst_p, unit_p + 4, size);
+    return true;
+}
+
+int quick_look_vector(const shkv_head *head, const quick_view *view_p, quick_state state, const mdn *bucket,
+                      const char *key_p, uint32_t key_len, shkv_buf *value)
+{
+    quick_hit hit = quick_find(view_p, bucket, key_p, key_len, true);
+    if (UNLIKELY(!hit.udn_p))
+        return hit.off ? QUICK_NO : QUICK_MISS;
+    uint32_t marks = udn_marks(hit.udn_p), unit_cnt = marks & 0xffff, val_sz = hit.sizes >> 16;
+    uint32_t val_at = VEC_HEAD_SZ + key_len;
+    if (UNLIKELY((marks & MARKS_DELETED) || unit_cnt == 0 || val_sz > value->len))
+        return QUICK_NO;
+    if (UNLIKELY(vector_cksum(view_p, &hit, unit_cnt, key_len + val_sz) != MARKS_CKSUM(marks)))
+        return QUICK_NO;
+    if (val_sz != 0 && (get32(&((const vec_udn *)(const void *)hit.udn_p)->val_off) != hit.off + val_at ||
+                        !vector_copy(view_p, &hit, val_at, val_sz, (char *)value->ptr)))
+        return QUICK_NO;
+    if (UNLIKELY(!quick_holds(head, view_p, state, bucket, &hit, marks)))
+        return QUICK_NO;
+    value->len = val_sz;
+    return 0;
 }

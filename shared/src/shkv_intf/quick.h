@@ -1,7 +1,7 @@
-// The quick look: an ordinary hit of a fixed-mode store, in one piece of code without a call.
+// The quick look: an ordinary hit in one piece of code, of a fixed-mode store without a call.
 //
-// It serves the common state only: fixed records, no reshape, no transaction of this handle's own,
-// all mappings in step. Whatever else it meets - a bad argument, too little room, a bad checksum, a
+// It serves the common state only: no reshape, no transaction of this handle's own, no mapping in
+// chunks, all mappings in step. Whatever else it meets - a bad argument, too little room, a bad checksum, a
 // record that does not vouch for its answer - it leaves to the full lookup, which begins anew and
 // says what there is to say. So nothing here writes a line or an event.
 #pragma once
@@ -14,18 +14,26 @@
 #include "shkv_intf/walk.h"
 #include "shkv_intf/word.h"
 
-#define QUICK_DEPTH 16u // records of one chain; longer ones are the full lookup's
-#define QUICK_NO (-1)   // for the full lookup
-#define QUICK_MISS (-2) // one walk has met a chain's end
+#define QUICK_DEPTH 16u   // records of one chain; longer ones are the full lookup's
+#define QUICK_VEC_KEY 99u // bytes of a vector's key, so that the value begins in the first unit
+#define QUICK_NO (-1)     // for the full lookup
+#define QUICK_MISS (-2)   // one walk has met a chain's end
 #define QUICK_INLINE static inline __attribute__((always_inline))
 #define LIKELY(cond) __builtin_expect(!!(cond), 1)
 #define UNLIKELY(cond) __builtin_expect(!!(cond), 0)
 
 // Makes the view of a handle anew, when the store is in a state that the quick look serves.
-bool quick_make_view(shkv_head *head, quick_view *view_p) __attribute__((noinline));
+bool quick_make_view(shkv_head *head, head_priv *priv_p) __attribute__((noinline));
+
+// What a look began under. A thread beside this one may make the view anew meanwhile, for another
+// state: then one of the two has changed, or only what a grown record space leaves as it was.
+struct quick_state {
+    uint32_t flg;    // comm_flg
+    uint32_t md_ver; // obj_ver of the table
+};
 
 // The view in force of a handle, or null. The handle's check is that of check_shkv_hdl.
-QUICK_INLINE const quick_view *quick_view_of(int handle, shkv_head **head_out)
+QUICK_INLINE const quick_view *quick_view_of(int handle, shkv_head **head_out, quick_state *state_p)
 {
     uint32_t slot = (uint32_t)handle - 1;
     if (UNLIKELY(slot >= HEADS))
@@ -36,12 +44,18 @@ QUICK_INLINE const quick_view *quick_view_of(int handle, shkv_head **head_out)
     if (UNLIKELY(!sn || !head->access_mode))
         return nullptr;
     asm("" : "+r"(view_p)); // keep the address; it is dearer to work out again
-    if (UNLIKELY(get32(&head->sn->comm_flg) != view_p->flg ||
-                 get32((const uint32_t *)(const void *)(sn + view_p->md_ver_at)) != view_p->md_ver ||
-                 get32((const uint32_t *)(const void *)(sn + view_p->ud_ver_at)) != view_p->ud_ver) &&
-        !quick_make_view(head, view_p))
-        return nullptr;
-    return view_p;
+    for (bool made = false;; made = true) {
+        state_p->flg = get32(&view_p->flg);
+        state_p->md_ver = get32(&view_p->md_ver);
+        // After these two: it is 0 from before their stores until behind them.
+        uint32_t md_ver_at = get32(&view_p->md_ver_at);
+        if (LIKELY(get32(&head->sn->comm_flg) == state_p->flg &&
+                   get32((const uint32_t *)(const void *)(sn + md_ver_at)) == state_p->md_ver &&
+                   get32((const uint32_t *)(const void *)(sn + view_p->ud_ver_at)) == view_p->ud_ver))
+            return view_p;
+        if (made || !quick_make_view(head, &head_privs[slot]))
+            return nullptr;
+    }
 }
 
 QUICK_INLINE bool quick_key_ok(const shkv_buf *key)
@@ -112,18 +126,20 @@ QUICK_INLINE void quick_copy(void *dst, const void *src, uint32_t len)
     }
 }
 
-// One walk for a key of at most REC_KEY_MAX bytes. A record counts only if its head and a key of this length
-// lie in the mapping.
+// One walk. A record counts only if its head and a key of this length lie in the mapping (of a vector
+// its first unit and one more, so that no offset needs the header's word for it). The key has at most
+// REC_KEY_MAX bytes, of a vector QUICK_VEC_KEY.
 QUICK_INLINE quick_hit quick_find(const quick_view *view_p, const mdn *bucket, const char *key_p,
-                                  uint32_t key_len)
+                                  uint32_t key_len, bool vector)
 {
     quick_hit hit = {};
-    hit.off_max = view_p->limit - UDN_HEAD_SZ - key_len;
+    uint32_t key_at = vector ? VEC_HEAD_SZ : UDN_HEAD_SZ;
+    hit.off_max = view_p->limit - (vector ? 2 * VEC_UNIT_SZ : UDN_HEAD_SZ + key_len);
     hit.off = get32(&bucket->first_ptr);
     for (; hit.off != 0 && hit.off <= hit.off_max && hit.depth < QUICK_DEPTH; hit.depth++) {
         const udn *udn_p = (const udn *)(const void *)(view_p->ud_base + hit.off);
         hit.sizes = udn_sizes(udn_p);
-        if ((hit.sizes & 0xffff) == key_len && quick_equal((const char *)udn_p + UDN_HEAD_SZ, key_p, key_len)) {
+        if ((hit.sizes & 0xffff) == key_len && quick_equal((const char *)udn_p + key_at, key_p, key_len)) {
             hit.udn_p = udn_p;
             return hit;
         }
@@ -135,8 +151,8 @@ QUICK_INLINE quick_hit quick_find(const quick_view *view_p, const mdn *bucket, c
 
 // What walk_holds asks, along the way that the walk took, and that the table is still the one
 // of the snapshot: a record of a table that was left behind is reused with its links standing.
-QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, uint32_t flg, const mdn *bucket,
-                              const quick_hit *hit_p, uint32_t marks)
+QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, quick_state state,
+                              const mdn *bucket, const quick_hit *hit_p, uint32_t marks)
 {
     // The loads that gave the answer stay ahead of those that vouch for it.
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
@@ -147,16 +163,16 @@ QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, u
         off = get32((const uint32_t *)(const void *)(view_p->ud_base + off + view_p->link_at));
     }
     uint32_t changed = (off ^ hit_p->off) | (udn_sizes(hit_p->udn_p) ^ hit_p->sizes) |
-                       (udn_marks(hit_p->udn_p) ^ marks) | (get32(&head->sn->comm_flg) ^ flg);
+                       (udn_marks(hit_p->udn_p) ^ marks) | (get32(&head->sn->comm_flg) ^ state.flg) |
+                       (get32(&view_p->md_ver) ^ state.md_ver);
     return LIKELY(changed == 0);
 }
 
 // The whole hit: 0, QUICK_NO or QUICK_MISS.
-QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
-                            const char *key_p, uint32_t key_len, shkv_buf *value)
+QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, quick_state state,
+                            const mdn *bucket, const char *key_p, uint32_t key_len, shkv_buf *value)
 {
-    uint32_t flg = view_p->flg;
-    quick_hit hit = quick_find(view_p, bucket, key_p, key_len);
+    quick_hit hit = quick_find(view_p, bucket, key_p, key_len, false);
     if (UNLIKELY(!hit.udn_p))
         return hit.off ? QUICK_NO : QUICK_MISS;
     uint32_t marks = udn_marks(hit.udn_p), val_sz = hit.sizes >> 16, size = key_len + val_sz;
@@ -167,30 +183,33 @@ QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, con
     if (UNLIKELY(data_cksum_inline(data_p, size) != MARKS_CKSUM(marks)))
         return QUICK_NO;
     quick_copy(value->ptr, data_p + key_len, val_sz);
-    if (UNLIKELY(!quick_holds(head, view_p, flg, bucket, &hit, marks)))
+    if (UNLIKELY(!quick_holds(head, view_p, state, bucket, &hit, marks)))
         return QUICK_NO;
     value->len = val_sz;
     return 0;
 }
 
 // The same without a copy and a checksum, whatever mark the record bears.
-QUICK_INLINE int quick_look_lite(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
-                                 const char *key_p, uint32_t key_len, shkv_buf *value)
+QUICK_INLINE int quick_look_lite(const shkv_head *head, const quick_view *view_p, quick_state state,
+                                 const mdn *bucket, const char *key_p, uint32_t key_len, shkv_buf *value)
 {
-    uint32_t flg = view_p->flg;
-    quick_hit hit = quick_find(view_p, bucket, key_p, key_len);
+    quick_hit hit = quick_find(view_p, bucket, key_p, key_len, false);
     if (UNLIKELY(!hit.udn_p))
         return hit.off ? QUICK_NO : QUICK_MISS;
     uint32_t marks = udn_marks(hit.udn_p), val_sz = hit.sizes >> 16;
     uint64_t end = (uint64_t)hit.off + UDN_HEAD_SZ + key_len + val_sz;
-    if (UNLIKELY(end > view_p->limit || !quick_holds(head, view_p, flg, bucket, &hit, marks)))
+    if (UNLIKELY(end > view_p->limit || !quick_holds(head, view_p, state, bucket, &hit, marks)))
         return QUICK_NO;
     value->ptr = const_cast<char *>((const char *)hit.udn_p) + UDN_HEAD_SZ + key_len;
     value->len = val_sz;
     return 0;
 }
 
+// The same for a vector store: a key of at most QUICK_VEC_KEY bytes.
+int quick_look_vector(const shkv_head *head, const quick_view *view_p, quick_state state, const mdn *bucket,
+                      const char *key_p, uint32_t key_len, shkv_buf *value) __attribute__((noinline));
+
 // The walks of a miss, as many as there must be: ENOENT, or QUICK_NO when they do not agree, meet the
 // key after all, or end in another state than they began.
 int quick_miss(const shkv_head *head, const quick_view *view_p, const mdn *bucket, const char *key_p,
-               uint32_t key_len) __attribute__((noinline));
+               uint32_t key_len) __attribute__((noinline)); // arms the guard anew

@@ -35,10 +35,11 @@ static inline ud_map *second_ud(const writer_tables *tables_p)
 // No result of a caller's: the store is in a reshape, and the write has to hold wr_ksem.
 enum { WRITE_BEHIND_LOCK = -1 };
 
-// After a write without a lock: true when it was put off for the lock, or done while a reshape began.
+// After a write without a lock, whatever it came to: true when it was put off for the lock, or done
+// while a reshape began and may have moved the record that it looked for.
 static inline bool write_goes_on_locked(const supernode *sn, int result)
 {
-    return result == WRITE_BEHIND_LOCK || (result == 0 && (get32(&sn->comm_flg) & CF_RESHAPE));
+    return result == WRITE_BEHIND_LOCK || (get32(&sn->comm_flg) & CF_RESHAPE);
 }
 
 // Null for a space that this process has not got, or lost in a failed growth.
