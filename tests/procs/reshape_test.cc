@@ -1,5 +1,6 @@
 // A reshape beside a writer and readers that opened the store before it. SHKV_RESHAPE_RECORDS sets
 // how many records are moved (20000 without it).
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <time.h>
@@ -190,6 +191,16 @@ struct writer {
     }
 };
 
+// comm_flg of the store, without a look at the rest.
+uint32_t flags_now()
+{
+    uint32_t flg = 0;
+    int fd = open("/dev/shm/shkvdb/moved", O_RDONLY);
+    bool read_it = fd >= 0 && pread(fd, &flg, sizeof flg, offsetof(supernode, comm_flg)) == sizeof flg;
+    close(fd);
+    return read_it ? flg : 0;
+}
+
 struct crowd {
     uint32_t cnt = record_cnt();
     board *shared = make_board(cnt);
@@ -198,7 +209,7 @@ struct crowd {
     explicit crowd(uint32_t maxents, bool full_ok = false)
     {
         kv made = make_kv(NAME, {16, 32, maxents, CONF_FIXEDMM, 0});
-        for (uint32_t at = 0; at < cnt; at++) {
+        for (uint32_t at = 0; at < cnt && !testing::Test::HasFailure(); at++) {
             EXPECT_EQ(made.add("k" + std::to_string(at), value_of(at, 1)), 0);
             shared->versions[at][0] = shared->versions[at][1] = 1;
         }
@@ -212,21 +223,20 @@ struct crowd {
             pids[no + 1] = start_child([&] { return read_on(shared, no, cnt); });
         EXPECT_TRUE(goes_on());
     }
-    // Everybody has come forward since.
+    // Everybody has come forward since; the writer, too, unless it has been killed.
     bool goes_on() const
     {
         uint32_t from[3] = {load(&shared->writes), load(&shared->lookups[0]), load(&shared->lookups[1])};
         for (int i = 0; i < 2000; i++) {
             usleep(10000);
-            if (load(&shared->writes) > from[0] + 100 && load(&shared->lookups[0]) > from[1] + 100 &&
+            if ((!pids[0] || load(&shared->writes) > from[0] + 100) && load(&shared->lookups[0]) > from[1] + 100 &&
                 load(&shared->lookups[1]) > from[2] + 100)
                 return true;
-            for (pid_t pid : pids)
-                if (waitpid(pid, nullptr, WNOHANG | WNOWAIT) != 0 && errno != EINTR) {
-                    siginfo_t info = {};
-                    if (waitid(P_PID, (id_t)pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid)
-                        return false;
-                }
+            for (pid_t pid : pids) {
+                siginfo_t info = {};
+                if (pid && waitid(P_PID, (id_t)pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid)
+                    return false;
+            }
         }
         return false;
     }
@@ -234,16 +244,24 @@ struct crowd {
     {
         store(&shared->stop, 1);
         for (pid_t pid : pids)
-            EXPECT_EQ(end_of(pid), 0);
-        munmap(shared, sizeof(board) + 8ull * cnt);
+            EXPECT_EQ(pid ? end_of(pid) : 0, 0);
     }
+    // In the middle of the move: the writer has done so many writes since the reshape began.
+    void wait_for_writes(uint32_t more) const
+    {
+        while (!(flags_now() & CF_RESHAPE))
+            usleep(100);
+        for (uint32_t from = load(&shared->writes), i = 0; load(&shared->writes) < from + more && i < 20000; i++)
+            usleep(100);
+    }
+    void kill_writer()
+    {
+        kill(pids[0], SIGKILL);
+        EXPECT_EQ(end_of(pids[0]), -SIGKILL);
+        pids[0] = 0;
+    }
+    ~crowd() { munmap(shared, sizeof(board) + 8ull * cnt); }
 };
-
-uint32_t flags_of(const char *name)
-{
-    store_image image;
-    return load_store(name, &image) ? image.sn()->comm_flg : 0;
-}
 
 void drop_store()
 {
@@ -268,7 +286,7 @@ TEST(reshape, nothing_is_lost_or_missed_beside_a_writer_and_readers)
         ASSERT_EQ(shkv_reshaping(NAME, round.md_sz, round.ud_sz, 0, round.new_hash), 0);
         if (getenv("SHKV_RESHAPE_RECORDS"))
             fprintf(stderr, "reshape: %.2f s, %u writes meanwhile\n", seconds() - from, load(&all.shared->writes) - writes);
-        EXPECT_EQ(flags_of(NAME), round.flg);
+        EXPECT_EQ(flags_now(), round.flg);
         ASSERT_TRUE(all.goes_on());
     }
     // Growth of the space that the last one made, seen by the same processes.
@@ -302,12 +320,10 @@ TEST(reshape, a_killed_reshaper_takes_nobody_along)
         SCOPED_TRACE(round);
         crowd all(record_cnt() + record_cnt() / 8 + 2 * CHURN, true);
         pid_t reshaper = start_child([&] { return shkv_reshaping(NAME, 0, round % 3 ? 1 : 0, 0, 3); });
-        while (!(flags_of(NAME) & CF_RESHAPE))
-            usleep(1000);
-        usleep(next_random(&state) % (50000 + record_cnt() * 3));
+        all.wait_for_writes(round ? next_random(&state) % (record_cnt() / 10) : 0);
         kill(reshaper, SIGKILL);
         end_of(reshaper);
-        in_middle += (flags_of(NAME) & CF_RESHAPE) != 0;
+        in_middle += (flags_now() & CF_RESHAPE) != 0;
         ASSERT_TRUE(all.goes_on());
         usleep(200000);
         ASSERT_TRUE(all.goes_on());
@@ -324,6 +340,36 @@ TEST(reshape, a_killed_reshaper_takes_nobody_along)
     EXPECT_GT(in_middle, 4);
 }
 
+// The writer is killed, some time with wr_ksem in its hand: the reshape ends, and the next writer finds
+// what was committed.
+TEST(reshape, a_killed_writer_does_not_hold_it_up)
+{
+    shkv_max_db_sz = shkv_memory_limit_process = 0x60000000u;
+    uint32_t state = 8;
+    int in_middle = 0;
+    for (int round = 0; round < 8; round++) {
+        SCOPED_TRACE(round);
+        crowd all(record_cnt() + record_cnt() / 8 + 2 * CHURN);
+        pid_t reshaper = start_child([&] { return shkv_reshaping(NAME, 0, round % 3 ? 1 : 0, 0, 3); });
+        all.wait_for_writes(next_random(&state) % (record_cnt() / 10));
+        all.kill_writer();
+        in_middle += (flags_now() & CF_RESHAPE) != 0;
+        EXPECT_EQ(end_of(reshaper), 0);
+        ASSERT_TRUE(all.goes_on());
+        all.end();
+        kv next = open_kv(NAME, SHKV_AM_WRITE);
+        for (uint32_t at = 0; at < all.cnt && !HasFailure(); at++)
+            EXPECT_EQ(check_key(next, all.shared, at), 0);
+        EXPECT_EQ(next.add("k1", "next"), 0);
+        EXPECT_EQ(faults_of(NAME, false), "");
+        EXPECT_EQ(shkv_destroy(next.handle), 0);
+        shkv_close(next.handle);
+        if (HasFailure())
+            return;
+    }
+    EXPECT_GT(in_middle, 3);
+}
+
 // Into a space that cannot hold the records: refused at the first that does not fit, and nothing is
 // lost, also of what the writer did meanwhile.
 TEST(reshape, a_space_too_small_leaves_the_old_one_in_force)
@@ -333,12 +379,12 @@ TEST(reshape, a_space_too_small_leaves_the_old_one_in_force)
     uint32_t small_sz = GET_USER_SIZE(record_cnt() / 2 + 1000, 16, 32);
     for (uint32_t ud_sz : {small_sz, small_sz + 40960})
         EXPECT_EQ(shkv_reshaping(NAME, 0, ud_sz, 0, 4), EINVAL);
-    EXPECT_EQ(flags_of(NAME), CF_MD1 | CF_UD1);
+    EXPECT_EQ(flags_now(), CF_MD1 | CF_UD1);
     ASSERT_TRUE(all.goes_on());
     EXPECT_EQ(shkv_reshaping(NAME, 0, 1, 0, 4), 0);
     ASSERT_TRUE(all.goes_on());
     all.end();
-    EXPECT_EQ(flags_of(NAME), CF_MD2 | CF_UD2);
+    EXPECT_EQ(flags_now(), CF_MD2 | CF_UD2);
     EXPECT_EQ(faults_of(NAME, false), "");
     drop_store();
 }

@@ -9,8 +9,8 @@
 //   4. comm_flg with the new objects' bits, which of the two is old, and CF_RESHAPE, in one store:
 //      from here on writers go to the interim list and readers search both
 // All under wr_ksem, which the writer takes for a write during a reshape and for growth. A write
-// that began before 4 holds no lock: WRITE_OVER_MS later it is over, and only then the lock is
-// given up and the first record may move.
+// that began before 4 holds no lock: it is waited for (quiet.cc) before the lock is given up and
+// the first record may move.
 //
 // Killed, or failed, behind 1 the token stays and keeps later reshapes out; before 4 the store works
 // on as it was, from 4 on as in a reshape whose mover has stopped.
@@ -26,6 +26,7 @@
 #include "diag/log.h"
 #include "diag/trace.h"
 #include "reshape/interim.h"
+#include "reshape/quiet.h"
 #include "reshape/token.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/bind.h"
@@ -37,7 +38,6 @@
 
 namespace {
 
-constexpr uint32_t WRITE_OVER_MS = 50; // as long as a freed node waits for those who may stand on it
 constexpr uint32_t HASH_ARGS = 11;     // selectors of built-in functions
 constexpr uint32_t HASH_DEFAULT = 7;
 constexpr uint32_t NODES_LEAST = 4; // a record beside two sentinels and the list's dead node
@@ -225,7 +225,8 @@ int publish(open_op *op_p)
     }
     // Publish. The new table is empty and the new space holds an empty list. Every snapshot from
     // here on names old and new; pairs with the first load of every operation.
-    change32(&sn->comm_flg, 0, op_p->flg | CF_RESHAPE);
+    const uint32_t tables = CF_MD1 | CF_MD2 | CF_UD1 | CF_UD2 | MDO1N2 | MDN1O2 | UDO1N2 | UDN1O2;
+    change32(&sn->comm_flg, 0, (op_p->flg & tables) | CF_RESHAPE);
     if (sem_give(&obj_sem) == -1)
         return fail_err(op_p->ring_p, 0x60, (uint32_t)errno, op_p->err_p, EFAULT, text, errno);
     return 1;
@@ -234,7 +235,7 @@ int publish(open_op *op_p)
 // Over one space the list of an earlier reshape may not have been emptied.
 void begin(open_op *op_p)
 {
-    usleep(WRITE_OVER_MS * 1000);
+    wait_for_writes_to_end(op_p->sn);
     if (!op_p->new_ud) {
         const ud_map *ud = op_p->flg & CF_UD1 ? op_p->head.ud1_map : op_p->head.ud2_map;
         interim_discard(&op_p->head, ud->map[0]);
