@@ -1,0 +1,327 @@
+// Damage to a store under its readers: an input overwrites bytes of a valid store, before or behind
+// a reader's open. Then every reading call is made, the raw readers of shkvctl look, and the checker
+// judges the bytes. Nothing may crash, read past a mapping (tight_map.cc) or go on for ever.
+//
+// Two ends are by design and are caught here: iterate asserts a table in force, and iterate and
+// lookup_lite go round until a mapping that is out of step has been brought in step.
+#include <errno.h>
+#include <fcntl.h>
+#include <setjmp.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "check/store_check.h"
+#include "rest_store.h"
+#include "shkvctl/raw_stats.h"
+
+extern bool tight_tails;
+
+namespace {
+
+constexpr unsigned KEYS = 24, ROUNDS_MAX = 300, DAMAGES_MAX = 16;
+const char *const NAMES[] = {"dmg_fixed", "dmg_vector", "dmg_shmap", "dmg_txn"};
+constexpr uint32_t CONF[] = {CONF_FIXEDMM, CONF_VECTORMM, CONF_VECTORMM | CONF_SHMAP, CONF_FIXEDMM};
+
+struct object {
+    char *at = nullptr;
+    size_t size = 0;
+    int fd = -1;
+};
+struct damaged_store {
+    object objs[OBJ_MD_TXN + 1];
+};
+damaged_store stores[4];
+
+// What a damaged byte was before. Readers change nothing, so this puts a store right again.
+struct undo {
+    char *at, was;
+};
+std::vector<undo> undo_log;
+
+sigjmp_buf out_of_call;
+bool may_go_round, may_assert;
+unsigned rounds;
+
+shkv_buf buf_of(const std::string &text)
+{
+    return {const_cast<char *>(text.data()), (uint32_t)text.size()};
+}
+
+// Short keys, and some that take several units.
+const std::string &key_of(unsigned no)
+{
+    static std::string keys[KEYS];
+    if (keys[no].empty())
+        keys[no] = "key" + std::to_string(no) + (no % 5 ? "" : std::string("-long-one"));
+    return keys[no];
+}
+
+// ---- The stores ---------------------------------------------------------------------------------
+
+void fill(int handle, bool vector)
+{
+    for (unsigned round = 0; round < 3; ++round)
+        for (unsigned no = 0; no < KEYS - 4; ++no) {
+            std::string value(vector ? no * 37 + round : no + round, (char)('a' + no));
+            shkv_buf key = buf_of(key_of(no)), val = buf_of(value);
+            shkv_add(handle, &key, &val, 0);
+            if ((no + round) % 7 == 0)
+                shkv_delete(handle, &key);
+        }
+}
+
+// The objects mapped by the program itself: what an input damages and what puts it right.
+void map_objects(damaged_store *store_p, const char *name)
+{
+    for (int obj_t = OBJ_MD1; obj_t <= OBJ_MD_TXN; ++obj_t) {
+        int fd = open(object_path(name, obj_t).c_str(), O_RDWR | O_CLOEXEC);
+        struct stat st = {};
+        if (fd < 0 || fstat(fd, &st) != 0 || st.st_size == 0)
+            continue;
+        object *obj_p = &store_p->objs[obj_t];
+        obj_p->size = (size_t)st.st_size;
+        obj_p->at = (char *)mmap(nullptr, obj_p->size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        MUST(obj_p->at != MAP_FAILED, "cannot map an object");
+        obj_p->fd = fd;
+    }
+}
+
+void make_store(int which)
+{
+    uint32_t err = 0;
+    shkv_params params = {16, 40, 30, CONF[which], 0};
+    int handle = shkv_create(NAMES[which], 0, &params, 0, &err);
+    MUST(handle, "cannot create");
+    fill(handle, CONF[which] & CONF_VECTORMM);
+    if (which == 3) {
+        MUST(shkv_txn_start(handle, nullptr) == 0, "cannot start a transaction");
+        fill(handle, false);
+    }
+    MUST(shkv_close(handle) == 0, "cannot close");
+    map_objects(&stores[which], NAMES[which]);
+}
+
+// An open makes an object as long as its descriptor says.
+void cut_objects(const damaged_store &store)
+{
+    struct stat st;
+    for (const object &obj : store.objs)
+        if (obj.at && fstat(obj.fd, &st) == 0 && (size_t)st.st_size != obj.size)
+            MUST(ftruncate(obj.fd, (off_t)obj.size) == 0, "cannot cut an object");
+}
+
+// ---- The damage ---------------------------------------------------------------------------------
+
+// Bytes of locks are left alone: who damages a lock hangs whom he likes.
+bool is_lock(int obj_t, size_t off)
+{
+    if (obj_t != OBJ_SN)
+        return false;
+    size_t ring_mutex = SHKV_PAGE_SIZE + offsetof(trace_ring, mutex);
+    return (off >= offsetof(supernode, wr_ksem) && off < offsetof(supernode, comm_flg)) ||
+           (off >= ring_mutex && off < ring_mutex + sizeof(pthread_mutex_t));
+}
+
+uint32_t damage_word(input *in_p, const object &ud)
+{
+    uint32_t near[] = {0, 1, 4, 20, 128, 255, 256, 257, 0x7fffffff, 0x80000000, 0xffffffff, (uint32_t)ud.size,
+                       (uint32_t)ud.size - 4, (uint32_t)ud.size - 20, (uint32_t)ud.size - 128, SHKV_PAGE_SIZE};
+    uint8_t how = in_p->byte();
+    if (how < 128)
+        return near[how % 16];
+    return how < 160 ? (uint32_t)(256 + in_p->byte() * 4) : in_p->word();
+}
+
+void damage(const damaged_store *store_p, input *in_p)
+{
+    static const int KINDS[] = {OBJ_SN, OBJ_SN, OBJ_MD1, OBJ_UD1, OBJ_UD1, OBJ_UD1, OBJ_MD_TXN, OBJ_MD2};
+    for (unsigned left = DAMAGES_MAX; left && in_p->left(); --left) {
+        uint8_t what = in_p->byte();
+        int obj_t = KINDS[what % 8];
+        object obj = store_p->objs[obj_t];
+        size_t off = in_p->byte(), width = (size_t)1 << (what >> 3 & 3);
+        off |= (size_t)in_p->byte() << 8;
+        width = width > 4 ? 4 : width;
+        uint32_t word = damage_word(in_p, store_p->objs[OBJ_UD1]);
+        if (!obj.at)
+            continue;
+        // The words in front are what matters: of the supernode, of a space its header.
+        off = what & 0x80 ? off % obj.size : off % (obj.size < 1024 ? obj.size : 1024);
+        if (obj_t == OBJ_SN && !(what & 0x80))
+            off = offsetof(supernode, comm_flg) + off % (sizeof(supernode) - offsetof(supernode, comm_flg));
+        if (what & 0x40)
+            off &= ~(size_t)3;
+        for (size_t i = 0; i < width && off + i < obj.size; ++i)
+            if (!is_lock(obj_t, off + i)) {
+                undo_log.push_back({obj.at + off + i, obj.at[off + i]});
+                obj.at[off + i] = (char)(word >> 8 * i);
+            }
+    }
+}
+
+// ---- The readers --------------------------------------------------------------------------------
+
+// Makes one call, which may leave by the two ways that are by design. False when it did.
+template <typename F> bool call(bool goes_round, bool asserts, F what)
+{
+    rounds = 0;
+    may_go_round = goes_round;
+    may_assert = asserts;
+    bool ended = sigsetjmp(out_of_call, 0) == 0;
+    if (ended)
+        what();
+    may_go_round = may_assert = false;
+    return ended;
+}
+
+// A table that claims more buckets than it has, in a mapping that is in step: lookup_lite waits for
+// one that is not, without an event.
+bool lite_would_stay(int handle)
+{
+    const shkv_head *head = &shkv_db_heads[handle - 1];
+    bool md1 = head->sn->comm_flg & CF_MD1;
+    const md_rec &rec = md1 ? head->md1 : head->md2;
+    return (md1 ? head->sn->md1.hashsz : head->sn->md2.hashsz) > rec.mapped_sz / sizeof(mdn);
+}
+
+void look_at_keys(int handle)
+{
+    static char room[65536];
+    shkv_buf keys[KEYS], vals[KEYS];
+    int results[KEYS];
+    for (unsigned no = 0; no < KEYS; ++no) {
+        keys[no] = buf_of(key_of(no));
+        shkv_buf val = {room, (no & 1) ? (uint32_t)sizeof room : no};
+        call(false, false, [&] { shkv_lookup(handle, &keys[no], &val); });
+        vals[no] = {room, sizeof room};
+    }
+    call(false, false, [&] { shkv_m_lookup(handle, keys, vals, results, KEYS); });
+    if (lite_would_stay(handle))
+        return;
+    for (const shkv_buf &key : keys)
+        call(true, false, [&] {
+            shkv_buf val = {nullptr, 0};
+            if (shkv_lookup_lite(handle, &key, &val) == 0)
+                room[0] ^= (char)std::count((const char *)val.ptr, (const char *)val.ptr + val.len, 'x');
+        });
+}
+
+void iterate(int handle)
+{
+    static char key_room[4096], val_room[65536];
+    int ret = EINVAL;
+    call(true, true, [&] { ret = shkv_iterate(handle, nullptr, nullptr, nullptr, 1); });
+    for (unsigned left = 500; ret == 0 && left; --left) {
+        shkv_buf key = {key_room, sizeof key_room}, val = {val_room, sizeof val_room};
+        shkv_iter_pos pos;
+        if (!call(true, true, [&] { ret = shkv_iterate(handle, &key, &val, &pos, 0); }))
+            return;
+    }
+}
+
+void ask(int handle)
+{
+    shkv_params params;
+    reg_rec rec;
+    char line[256];
+    shkv_get_params(handle, &params);
+    shkv_get_hashfn(handle);
+    shkv_txn_is_active(handle);
+    snprintf(line, sizeof line, "%.200s", shkv_get_dbname(handle) ? shkv_get_dbname(handle) : "");
+    check_shkv_uri("dmg_fixed", &rec);
+}
+
+void look_raw(const char *name)
+{
+    RawStore raw(name);
+    if (!raw.complete())
+        return;
+    ChainStats active;
+    for (int md : {OBJ_MD1, OBJ_MD2})
+        for (int ud : {OBJ_UD1, OBJ_UD2})
+            active = chain_stats(raw, md, link_of(md), ud);
+    space_stats(raw, OBJ_UD1);
+    txn_stats(raw);
+    rebuild_stats(raw, active);
+    reshape_stats(raw);
+    trace_stats(raw);
+}
+
+int open_reader(const char *name)
+{
+    uint32_t err = 0;
+    return shkv_open(name, 0, 0, SHKV_AM_READ | SHKV_AM_ITER, &err);
+}
+
+void run(input in)
+{
+    static uint32_t inputs;
+    uint8_t first = in.byte();
+    int which = first & 3;
+    damaged_store *store_p = &stores[which];
+    int handle = first & 4 ? open_reader(NAMES[which]) : 0;
+    damage(store_p, &in);
+    if (!handle)
+        call(false, false, [&] { handle = open_reader(NAMES[which]); });
+    if (handle) {
+        look_at_keys(handle);
+        iterate(handle);
+        ask(handle);
+    }
+    cut_objects(*store_p);
+    if (++inputs % (which == 2 ? 256 : 8) == 0) { // its space is a whole chunk
+        look_raw(NAMES[which]);
+        image_faults(NAMES[which], inputs & 512);
+    }
+    if (handle) {
+        look_at_keys(handle); // with objects that are shorter than they were
+        shkv_close(handle);
+    }
+    for (; !undo_log.empty(); undo_log.pop_back())
+        *undo_log.back().at = undo_log.back().was;
+}
+
+} // namespace
+
+// A call that goes round writes an event in every round.
+extern "C" void __real__Z10trace_pairPvjjjj(void *, uint32_t, uint32_t, uint32_t, uint32_t);
+extern "C" void __wrap__Z10trace_pairPvjjjj(void *ring_p, uint32_t event, uint32_t arg, uint32_t arg2, uint32_t word3)
+{
+    if (may_go_round && ++rounds > ROUNDS_MAX)
+        siglongjmp(out_of_call, 1);
+    __real__Z10trace_pairPvjjjj(ring_p, event, arg, arg2, word3);
+}
+
+extern "C" [[noreturn]] void __real___assert_fail(const char *, const char *, unsigned, const char *);
+extern "C" [[noreturn]] void __wrap___assert_fail(const char *expr, const char *file, unsigned line, const char *func)
+{
+    bool known = !strcmp(expr, "md_base") || !strcmp(expr, "curr_md") || !strcmp(expr, "ud_base");
+    if (known && may_assert)
+        siglongjmp(out_of_call, 1);
+    __real___assert_fail(expr, file, line, func);
+}
+
+// A raw reader waits before it looks again.
+extern "C" int __wrap_usleep(unsigned)
+{
+    return 0;
+}
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    enter_private_place();
+    for (int which = 0; which < 4; ++which)
+        make_store(which);
+    tight_tails = true;
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    run({data, data + size});
+    return 0;
+}

@@ -1,0 +1,56 @@
+// Mappings of files as tight as they can be: behind each lies a page that nothing may touch, and the
+// rest of its last page is poisoned. Who reads past the end of what it mapped is found out.
+#include <stdint.h>
+#include <sys/mman.h>
+
+extern "C" {
+void *__real_mmap(void *addr, size_t len, int prot, int flags, int fd, long off);
+int __real_munmap(void *addr, size_t len);
+void __asan_poison_memory_region(void const volatile *addr, size_t size);
+void __asan_unpoison_memory_region(void const volatile *addr, size_t size);
+}
+
+bool tight_tails; // poisoned from here on; a creation clears whole pages
+
+static constexpr size_t PAGE = 4096;
+static constexpr size_t SUPERNODE_LEN = PAGE + 720; // mapped as two whole pages, which the trace ring fills
+static struct { char *at; size_t len; } tight[256];
+
+static size_t whole(size_t len)
+{
+    return (len + PAGE - 1) / PAGE * PAGE;
+}
+
+extern "C" void *__wrap_mmap(void *addr, size_t len, int prot, int flags, int fd, long off)
+{
+    if (fd < 0 || addr || len == 0)
+        return __real_mmap(addr, len, prot, flags, fd, off);
+    char *at = (char *)__real_mmap(nullptr, whole(len) + PAGE, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+                                   -1, 0);
+    if (at == MAP_FAILED)
+        return MAP_FAILED;
+    if (__real_mmap(at, len, prot, flags | MAP_FIXED, fd, off) == MAP_FAILED) {
+        __real_munmap(at, whole(len) + PAGE);
+        return MAP_FAILED;
+    }
+    if (tight_tails && len != SUPERNODE_LEN)
+        __asan_poison_memory_region(at + len, whole(len) - len);
+    for (auto &slot : tight)
+        if (!slot.at) {
+            slot = {at, len};
+            return at;
+        }
+    __builtin_trap(); // mappings are never given back
+}
+
+extern "C" int __wrap_munmap(void *addr, size_t len)
+{
+    for (auto &slot : tight)
+        if (slot.at == addr && addr) {
+            size_t mapped = slot.len;
+            __asan_unpoison_memory_region(slot.at + mapped, whole(mapped) - mapped);
+            slot = {};
+            return __real_munmap(addr, whole(mapped) + PAGE);
+        }
+    return __real_munmap(addr, len);
+}

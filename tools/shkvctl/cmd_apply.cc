@@ -1,0 +1,120 @@
+// apply: sets and deletes from a file as one transaction.
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "shkvctl/common.h"
+#include "shkvctl/lines.h"
+#include "shkvctl/transaction.h"
+
+namespace
+{
+struct Args {
+    std::string uri, file;
+    bool dry_run = false;
+};
+
+struct Tally {
+    uint64_t added = 0, replaced = 0, deleted = 0, absent = 0;
+};
+
+std::vector<Record> read_changes(const std::string &file)
+{
+    LineReader reader(file);
+    std::vector<Record> changes;
+    std::string line;
+    while (!interrupted && reader.next(&line))
+        changes.push_back(parse_change(reader, line));
+    return changes;
+}
+
+void tally(Tally &sum, bool erase, bool was_there)
+{
+    (erase ? was_there ? sum.deleted : sum.absent : was_there ? sum.replaced : sum.added)++;
+}
+
+// What the changes would do, on a map of the keys that they have met so far.
+Tally rehearse(const Store &store, const std::vector<Record> &changes)
+{
+    Tally sum;
+    std::map<std::string, bool> there;
+    std::string value;
+    for (const Record &change : changes) {
+        auto known = there.find(change.key);
+        bool was_there = known != there.end() ? known->second : store.lookup(change.key, &value);
+        tally(sum, change.erase, was_there);
+        there[change.key] = !change.erase;
+    }
+    return sum;
+}
+
+Tally stage(const Store &store, const std::vector<Record> &changes)
+{
+    Tally sum;
+    std::string value;
+    for (const Record &change : changes) {
+        if (interrupted)
+            throw Failure(EXIT_INTERRUPTED, 0, "interrupted: nothing was changed");
+        bool was_there = store.lookup(change.key, &value); // in its own transaction, what is staged counts
+        if (!change.erase)
+            store.add(change.key, change.value);
+        else if (was_there)
+            store.remove(change.key);
+        tally(sum, change.erase, was_there);
+    }
+    return sum;
+}
+
+int apply(const Args &args, const Context &ctx)
+{
+    catch_interrupts();
+    std::vector<Record> changes = read_changes(args.file);
+    Store store(args.uri, args.dry_run ? Store::READ : Store::WRITE);
+    for (const Record &change : changes)
+        store.check_sizes(change.key, change.value);
+    Tally sum;
+    if (args.dry_run) {
+        if (store.in_txn())
+            throw txn_is_open(store);
+        sum = rehearse(store, changes);
+    } else {
+        Transaction txn(store, (uint32_t)changes.size());
+        sum = stage(store, changes);
+        txn.commit();
+    }
+    if (ctx.json)
+        print_json({{"store", args.uri},
+                    {"applied", !args.dry_run},
+                    {"added", sum.added},
+                    {"replaced", sum.replaced},
+                    {"deleted", sum.deleted},
+                    {"absent", sum.absent}});
+    say(ctx, "{}: {} added, {} replaced, {} deleted{}\n", args.dry_run ? "would apply" : "applied",
+        thousands(sum.added), thousands(sum.replaced), thousands(sum.deleted),
+        sum.absent ? fmt::format(", {} to delete not there", thousands(sum.absent)) : "");
+    return EXIT_OK;
+}
+
+Run setup(CLI::App &app, Context &ctx)
+{
+    auto args = std::make_shared<Args>();
+    app.add_option("STORE", args->uri, "Name of the store")->required();
+    app.add_option("FILE", args->file, "JSON Lines; - is standard input")->required();
+    app.add_flag("--dry-run", args->dry_run, "Check the file against the store and say what it would do");
+    return [args, &ctx] { return apply(*args, ctx); };
+}
+} // namespace
+
+const Command cmd_apply = {
+    "apply",
+    nullptr,
+    "Many records at once",
+    "sets and deletes from a file, all or nothing",
+    "Reads a change a line, {\"op\":\"set\",\"key\":\"..\",\"value\":\"..\"} or "
+    "{\"op\":\"del\",\"key\":\"..\"}, with\n"
+    "key_hex and value_hex for bytes, and applies them in order as one transaction: other processes\n"
+    "see nothing until all are in place, and a failure leaves the store as it was. A key to delete\n"
+    "that is not there is counted and is no failure.",
+    {{"shkvctl apply cache changes.jsonl", "all changes of the file"},
+     {"shkvctl apply cache changes.jsonl --dry-run", "check them first"},
+     {"echo '{\"op\":\"del\",\"key\":\"a\"}' | shkvctl apply cache -", "from standard input"}},
+    setup};

@@ -1,0 +1,76 @@
+// scan: prints all records of a store.
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "shkvctl/common.h"
+#include "shkvctl/progress.h"
+
+namespace
+{
+struct Args {
+    std::string uri, prefix;
+    uint64_t limit = UINT64_MAX;
+    bool hex = false, keys = false, count = false;
+};
+
+void print_record(const Args &args, const Context &ctx, const std::string &key, const std::string &value)
+{
+    if (ctx.json) {
+        Json rec = Json::object();
+        json_put(rec, "key", key);
+        if (!args.keys)
+            json_put(rec, "value", value);
+        return print_json(rec);
+    }
+    fmt::print(out(), "{}", args.hex ? to_hex(key) : escape(key));
+    if (!args.keys)
+        fmt::print(out(), "\t{}", args.hex ? to_hex(value) : escape(value));
+    fmt::print(out(), "\n");
+}
+
+int scan(const Args &args, const Context &ctx)
+{
+    std::string prefix = bytes_argument(args.prefix, args.hex), key, value;
+    Store store(args.uri, Store::ITERATE);
+    Cursor cursor(store);
+    uint64_t found = 0;
+    while (found < args.limit && cursor.next(&key, &value)) {
+        if (!key.starts_with(prefix))
+            continue;
+        found++;
+        if (!args.count)
+            print_record(args, ctx, key, value);
+    }
+    if (args.count && ctx.json)
+        print_json({{"store", args.uri}, {"records", found}});
+    else if (args.count)
+        fmt::print(out(), "{}\n", found);
+    return EXIT_OK;
+}
+
+Run setup(CLI::App &app, Context &ctx)
+{
+    auto args = std::make_shared<Args>();
+    app.add_option("STORE", args->uri, "Name of the store")->required();
+    app.add_option("--prefix", args->prefix, "Only keys that begin so")->type_name("TEXT");
+    app.add_option("--limit", args->limit, "Stop after so many records")->type_name("N");
+    app.add_flag("--keys", args->keys, "Print keys alone");
+    app.add_flag("--count", args->count, "Print only how many there are");
+    app.add_flag("--hex", args->hex, "Print hex digits; the prefix is hex, too");
+    return [args, &ctx] { return scan(*args, ctx); };
+}
+} // namespace
+
+const Command cmd_scan = {
+    "scan",
+    nullptr,
+    "Records",
+    "print all records, or those with a prefix",
+    "Prints a line for each record: key, tab, value, with \\t, \\n, \\\\ and \\xNN for what would break\n"
+    "the line (shkvctl load reads it back). The order is that of the table. A scan takes no lock:\n"
+    "while a writer is at work it sees each record whole, but not all of one moment.",
+    {{"shkvctl scan cache", "all records"},
+     {"shkvctl scan cache --prefix user: --keys", "the keys that begin with user:"},
+     {"shkvctl scan cache --count", "how many"},
+     {"shkvctl scan cache --json", "JSON Lines: {\"key\":..,\"value\":..}"}},
+    setup};

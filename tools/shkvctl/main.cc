@@ -1,0 +1,110 @@
+// shkvctl: parses the command line against the table of commands, runs one, and turns failures
+// into words and exit codes.
+#include <signal.h>
+#include <string.h>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "shkvctl/commands.h"
+#include "shkvctl/common.h"
+
+struct Bound {
+    const Command *command;
+    CLI::App *app;
+    Run run;
+};
+
+static void add_common_options(CLI::App &app, Context &ctx)
+{
+    app.add_flag("--json", ctx.json, "Print JSON: one line per answer");
+    app.add_flag("-q,--quiet", ctx.quiet, "Print nothing but what was asked for and errors");
+    app.add_option("--log", ctx.log_path, "Append the library's own log to this file")->type_name("FILE");
+    app.set_help_flag("-h,--help", "Print this help");
+}
+
+static int report(const Context &ctx, const Failure &failure)
+{
+    fflush(out());
+    if (ctx.json) {
+        Json error = {{"error", failure.what()}};
+        if (failure.err)
+            error["errno"] = failure.err;
+        if (!failure.hint.empty())
+            error["hint"] = failure.hint;
+        fmt::print(stderr, "{}\n", error.dump(-1, ' ', false, Json::error_handler_t::replace));
+    } else {
+        warn(failure.what() + (failure.hint.empty() ? "" : "; " + failure.hint));
+    }
+    return failure.exit_code;
+}
+
+static int run(const Context &ctx, const Bound &chosen)
+{
+    try {
+        if (!ctx.log_path.empty() && shkv_debugs_on(ctx.log_path.c_str()) != 0)
+            throw Failure(EXIT_ERROR, errno,
+                          fmt::format("cannot write the log {}: {}", ctx.log_path, strerror(errno)));
+        int exit_code = chosen.run();
+        if (fflush(out()) != 0)
+            throw Failure(EXIT_ERROR, errno, fmt::format("cannot write the output: {}", strerror(errno)));
+        return exit_code;
+    } catch (const Failure &failure) {
+        return report(ctx, failure);
+    } catch (const std::exception &error) {
+        return report(ctx, Failure(EXIT_ERROR, 0, error.what()));
+    }
+}
+
+static int usage_error(const std::string &what, const char *command)
+{
+    warn(what);
+    fmt::print(stderr, "see: shkvctl {}{}--help\n", command, *command ? " " : "");
+    return EXIT_USAGE;
+}
+
+// An option that does not exist explains more than the argument that is missing because of it.
+static std::string parse_words(const CLI::App &app, const CLI::ParseError &error)
+{
+    for (const std::string &rest : app.remaining())
+        if (rest.size() > 1 && rest[0] == '-')
+            return fmt::format("there is no option '{}' (a text that begins so goes behind --)", rest);
+    return error.what();
+}
+
+static int print_help(const std::string &text)
+{
+    fmt::print(out(), "{}", text);
+    return EXIT_OK;
+}
+
+int main(int argc, char **argv)
+{
+    take_over_stdout();
+    std::string word = argc > 1 ? argv[1] : "--help";
+    if (word == "--help" || word == "-h" || (word == "help" && argc == 2)) {
+        print_help(help_all());
+        return argc > 1 ? EXIT_OK : EXIT_USAGE;
+    }
+    if (word == "--version")
+        return print_help("shkvctl " SHKV_VERSION "\n");
+    bool help = word == "help";
+    const Command *command = find_command(help ? argv[2] : word);
+    if (!command)
+        return usage_error(fmt::format("there is no command '{}'", help ? argv[2] : word), "");
+
+    Context ctx;
+    CLI::App app;
+    Bound chosen = {command, &app, command->setup(app, ctx)};
+    add_common_options(app, ctx);
+    if (help)
+        return print_help(help_of(app, *command));
+    try {
+        app.parse(argc - 1, argv + 1);
+    } catch (const CLI::CallForHelp &) {
+        return print_help(help_of(app, *command));
+    } catch (const CLI::ParseError &error) {
+        return usage_error(parse_words(app, error), command->name);
+    }
+    return run(ctx, chosen);
+}
