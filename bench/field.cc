@@ -120,7 +120,7 @@ contestant contestant_of(const peer &p, const peer_cfg &cfg)
 {
     static int serial;
     contestant c = {&p, cfg, "/dev/shm/bench" + std::to_string(getpid()) + "_" + std::to_string(serial++),
-                    nullptr};
+                    nullptr, 0};
     mkdir(c.dir.c_str(), 0700);
     return c;
 }
@@ -173,7 +173,7 @@ void fill(contestant &c, uint32_t from, uint32_t to)
 
 workset workset_of(uint32_t n, uint32_t extra)
 {
-    const uint32_t cnt = n <= 8192 ? 8192 : opt.quick ? 100000 : 400000;
+    const uint32_t cnt = n <= 8192 ? 8192 : 400000;
     workset w = {n,
                  extra,
                  keys_of(uniform_numbers(n, cnt, n)),

@@ -38,6 +38,7 @@ struct contestant {
     peer_cfg cfg;
     std::string dir;
     void *h;
+    uint32_t turn; // the round: each goes on in the keys where the one before it ended
     bool remote() const
     {
         return p->traits & PEER_REMOTE;

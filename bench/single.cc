@@ -29,13 +29,18 @@ static uint32_t op_count(const contestant &c, uint32_t local, uint32_t remote)
     return (c.remote() ? remote : local) / (opt.quick ? 4 : 1);
 }
 
+static const char *first_key(const contestant &c, const std::vector<char> &keys, uint32_t ops)
+{
+    return keys.data() + static_cast<uint64_t>(c.turn) * ops % (keys.size() / kKey) * kKey;
+}
+
 static sample lookups(contestant &c, const std::vector<char> &keys, uint32_t ops, bool present)
 {
     char out[4096];
     uint64_t wrong = 0;
     const char *const begin = keys.data(), *const end = begin + keys.size();
+    const char *key = first_key(c, keys, ops);
     const auto go = [&](uint32_t cnt) {
-        const char *key = begin;
         for (uint32_t i = 0; i < cnt; i++, key = key + kKey == end ? begin : key + kKey) {
             const int size = c.p->lookup(c.h, key, kKey, out, sizeof out);
             wrong += present ? size != static_cast<int>(c.cfg.val_sz) || !value_fits(out, key) : size != -1;
@@ -67,7 +72,7 @@ static sample lookup_lite(contestant &c, const workset &w)
     uint64_t wrong = 0;
     const char *const begin = w.uniform.data(), *const end = begin + w.uniform.size();
     const double seconds = timed(c, [&] {
-        const char *key = begin;
+        const char *key = first_key(c, w.uniform, ops);
         for (uint32_t i = 0; i < ops; i++, key = key + kKey == end ? begin : key + kKey) {
             uint32_t size = 0;
             const char *val = static_cast<const char *>(c.p->lite(c.h, key, kKey, &size));
@@ -88,7 +93,7 @@ static sample lookup_group16(contestant &c, const workset &w)
     const char *const begin = w.uniform.data(), *const end =
                                                     begin + w.uniform.size() / (16 * kKey) * (16 * kKey);
     const double seconds = timed(c, [&] {
-        const char *keys = begin;
+        const char *keys = begin + (first_key(c, w.uniform, ops) - begin) / (16 * kKey) * (16 * kKey);
         for (uint32_t i = 0; i < ops; i += 16, keys = keys + 16 * kKey == end ? begin : keys + 16 * kKey) {
             c.p->group(c.h, keys, kKey, out, room, sizes, 16);
             for (uint32_t k = 0; k < 16; k++)
@@ -107,7 +112,7 @@ static sample replace(contestant &c, const workset &w)
     const char *const begin = w.uniform.data(), *const end = begin + w.uniform.size();
     return {timed(c,
                   [&] {
-                      const char *key = begin;
+                      const char *key = first_key(c, w.uniform, ops);
                       for (uint32_t i = 0; i < ops; i++, key = key + kKey == end ? begin : key + kKey)
                           put(c, key, c.cfg.val_sz);
                   }),
@@ -121,9 +126,11 @@ enum come_and_go { TIME_INSERT, TIME_DELETE, TIME_BULK };
 static sample insert_delete(contestant &c, const workset &w, come_and_go what)
 {
     const uint32_t target = op_count(c, 100000, 4000), cnt = std::min(w.extra, target / 2) / 100 * 100;
+    const uint64_t from = static_cast<uint64_t>(c.turn) * cnt % (w.extra - cnt + 1) * kKey;
+    const char *const fresh = w.fresh.data() + from, *in = fresh, *out = w.old.data() + from;
     double insert_s = 0, delete_s = 0;
     uint64_t ops = 0;
-    for (const char *in = w.fresh.data(), *out = w.old.data(); ops < target || in == w.old.data(); ops += cnt) {
+    for (; ops < target || in != fresh; ops += cnt) {
         insert_s += timed(c, [&] {
             for (uint32_t i = 0; i < cnt; i++) {
                 if (what == TIME_BULK && i % 100 == 0)
@@ -208,6 +215,7 @@ static void rounds_of(const operation (&ops)[cnt], uint32_t size, std::vector<co
         for (const operation &op : ops)
             for (size_t i = 0; i < field.size(); i++) {
                 contestant &c = field[(i + static_cast<size_t>(r)) % field.size()];
+                c.turn = static_cast<uint32_t>(r);
                 if (op.can(*c.p) && wanted(op.name, size, *c.p))
                     run_case(op.name, size, *c.p, [&] { return op.run(c, w); });
             }
