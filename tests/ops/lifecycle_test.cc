@@ -127,6 +127,7 @@ TEST(Create, blocked_object_takes_everything_back)
         {"_ud1", {17, "shkv_get_mu_obj fail UD1 blocked 17 100 16 32", 0x0100002c, 17}},
         {"_ud2", {17, "shkv_get_mu_obj fail UD2 blocked 17 100 16 32", 0x0300002e, 17, 100}},
     };
+    EXPECT_EQ(0, shkv_destroy(make_kv("blocked", conf).handle));    // Makes the directory.
     for (const auto &c : cases) {
         std::string path = std::string("/dev/shm/shkvmu/blocked") + c.suffix;
         EXPECT_EQ(0, mkdir(path.c_str(), 0777));
