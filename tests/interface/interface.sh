@@ -42,6 +42,11 @@ for header in shkv.h shkv_format.h; do
     $cc -std=c11 $strict -fsyntax-only "$dir/one.c"
     $cxx -std=c++11 $strict -x c++ -fsyntax-only "$dir/one.c"
 done
+# The C++ layer asks for C++20 and nothing else.
+echo '#include "shkv.hpp"' > "$dir/layer.cc"
+for more in "" "-fno-exceptions -fno-rtti"; do
+    $cxx -std=c++20 $strict -Wshadow $more -fsyntax-only "$dir/layer.cc"
+done
 for program in all_c iso_c all_cc; do
     LD_LIBRARY_PATH=$(dirname "$library") "$dir/$program"
 done
