@@ -388,3 +388,54 @@ TEST(reshape, a_space_too_small_leaves_the_old_one_in_force)
     EXPECT_EQ(faults_of(NAME, false), "");
     drop_store();
 }
+
+// Behind the switch the reshaper waits a second before it cuts what was old. A writer that grows meanwhile
+// takes the old table for its new one: then it is not cut, nor is a rebuild forgotten whose flag the
+// reshaper clears with its token.
+static void grow_behind_the_switch(const char *name, uint16_t slice_us, bool txn)
+{
+    kv store = make_kv(name, {16, 32, 2000, CONF_FIXEDMM, 0});
+    const supernode *sn = store.sn();
+    shkv_opts opts = {0, 1, slice_us};
+    EXPECT_EQ(shkv_db_set_opts(store.handle, 1, &opts), 0);
+    contents want;
+    auto add = [&](size_t no) { return store.add("k" + std::to_string(no), want["k" + std::to_string(no)] = "v"); };
+    while (want.size() < 900)
+        ASSERT_EQ(add(want.size()), 0);
+    pid_t reshaper = start_child([=] { return shkv_reshaping(name, 0, GET_USER_SIZE(950, 16, 32), 0, 3); });
+    while (!(load(&sn->comm_flg) & CF_UD2) || (load(&sn->comm_flg) & CF_RESHAPE))
+        usleep(100);
+    for (uint32_t ud_sz = sn->ud2.obj_sz; sn->ud2.obj_sz == ud_sz;)
+        ASSERT_EQ(add(want.size()), 0);
+    EXPECT_TRUE(sn->comm_flg & (slice_us ? CF_REFILL1 : CF_MD1)) << sn->comm_flg;
+    EXPECT_EQ(end_of(reshaper), 0);
+    EXPECT_EQ(txn ? shkv_txn_start(store.handle, nullptr) : 0, 0);
+    for (size_t end = want.size() + 100; want.size() < end;)
+        ASSERT_EQ(add(want.size()), 0);
+    EXPECT_EQ(txn ? shkv_txn_commit(store.handle, nullptr) : 0, 0);
+    while (store.head()->refill_pos)
+        ASSERT_EQ(add(want.size()), 0);
+    EXPECT_EQ(store.all(), want);
+    EXPECT_EQ(faults_of(name), "");
+    EXPECT_EQ(shkv_reshaping(name, 0, 1, 0, 0), 0);
+    EXPECT_EQ(store.all(), want);
+}
+
+TEST(reshape, growth_right_behind_the_switch_keeps_its_table)
+{
+    make_kv("registry", {16, 16, 10, CONF_FIXEDMM, 0});
+    const struct {
+        const char *name;
+        uint16_t slice_us;
+        bool txn;
+    } cases[] = {{"at once", 0, false}, {"at once, txn", 0, true}, {"in slices", 1, false}, {"in slices, txn", 1, true}};
+    pid_t pids[4];
+    for (int i = 0; i < 4; i++)
+        pids[i] = start_child([&] {
+            SCOPED_TRACE(cases[i].name);
+            grow_behind_the_switch(cases[i].name, cases[i].slice_us, cases[i].txn);
+            return testing::Test::HasFailure();
+        });
+    for (pid_t pid : pids)
+        EXPECT_EQ(end_of(pid), 0);
+}

@@ -3,8 +3,9 @@
 // Under wr_ksem: what is not in the new tables yet goes there. The stores that others see, then:
 //   1. comm_flg without the bits of the objects that go, in one store: the switch. It is preceded by
 //      CF_RESHAPE_DRAIN only where shkv_reshaping runs
-//   2. one second later, with no lock held: obj_sz 0, the object cut to length 0, obj_ver raised.
-//      Its name stays for the next growth or reshape
+//   2. one second later, with no lock held meanwhile: obj_sz 0, the object cut to length 0, obj_ver
+//      raised. Its name stays for the next growth or reshape. A table that the writer has taken for a
+//      rebuild by then is its own again, and is not cut
 //   3. the tokens (token.cc)
 // Killed before 1 the store stays in the reshape, with every record found in list or tables. Killed
 // behind it, it works in the new tables; an old object keeps its length, and the token stays.
@@ -189,9 +190,16 @@ int end_under_lock(end_op *op_p)
     return result;
 }
 
+// A writer that has grown within the second rebuilds its table into the old one, or has done so.
+bool table_is_taken(const end_op *op_p)
+{
+    uint32_t flg = get32(&op_p->sn->comm_flg);
+    return flg & ((op_p->md_gone == OBJ_MD1 ? CF_MD1 : CF_MD2) | CF_REFILL1 | CF_REFILL2);
+}
+
 int cut_table(const end_op *op_p)
 {
-    if (!op_p->md_gone)
+    if (!op_p->md_gone || table_is_taken(op_p))
         return 0;
     bool md1 = op_p->md_gone == OBJ_MD1;
     md_desc *desc = md1 ? &op_p->sn->md1 : &op_p->sn->md2;
@@ -221,7 +229,7 @@ int cut_space(const end_op *op_p)
     return 0;
 }
 
-int cut_gone(const end_op *op_p)
+int cut_locked(const end_op *op_p)
 {
     if (sem_take(&obj_sem) == -1)
         return fail(op_p->ring_p, 0, 0, EFAULT, "db shkv semaphore wait failed shkv_close,errno:%d", errno);
@@ -230,6 +238,17 @@ int cut_gone(const end_op *op_p)
         result = cut_space(op_p);
     if (sem_give(&obj_sem) == -1)
         return fail(op_p->ring_p, 0, 0, EFAULT, "db shkv semaphore post failed shkv_close,errno:%d", errno);
+    return result;
+}
+
+// Under wr_ksem no table is taken for a rebuild.
+int cut_gone(const end_op *op_p)
+{
+    pthread_mutex_t *ksem_p = &op_p->sn->wr_ksem;
+    if (kmutex_lock(ksem_p) != 0)
+        return fail(op_p->ring_p, 0, 0, EFAULT, "%s,fail to get write ksem ", op_p->sn->dbname);
+    int result = cut_locked(op_p);
+    pthread_mutex_unlock(ksem_p);
     return result;
 }
 

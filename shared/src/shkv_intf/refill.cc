@@ -150,14 +150,22 @@ bool in_step(const shkv_head *head, const ud_map *ud, uint32_t ud_ver)
 
 } // namespace
 
+// A reshaper's close clears the refill bits with its token, those of a rebuild that began in its last
+// second, too. The bit comes back here; unless the next reshaper has its token by then, and its hand on
+// the target.
 void refill_drop_if_lost(shkv_head *head)
 {
     if (head->refill_pos == 0)
         return;
-    bool ud1 = get32(&head->sn->comm_flg) & CF_UD1;
+    supernode *sn = head->sn;
+    uint32_t flg = get32(&sn->comm_flg);
+    bool ud1 = flg & CF_UD1, bit_gone = !(flg & (CF_REFILL1 | CF_REFILL2));
     const ud_map *ud = ud1 ? head->ud1_map : head->ud2_map;
-    if (!in_step(head, ud, get32(ud1 ? &head->sn->ud1.obj_ver : &head->sn->ud2.obj_ver)))
+    if (!in_step(head, ud, get32(ud1 ? &sn->ud1.obj_ver : &sn->ud2.obj_ver)) ||
+        (bit_gone && (flg & (CF_RESH_TOKEN1 | CF_RESH_TOKEN2))))
         head->refill_pos = 0;
+    else if (bit_gone)
+        change32(&sn->comm_flg, 0, flg & CF_MD1 ? CF_REFILL2 : CF_REFILL1);
 }
 
 int shkv_continue_refill_md(shkv_head *head, int handle, void *ring_p)

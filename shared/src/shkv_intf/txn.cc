@@ -81,6 +81,7 @@ int shkv_txn_start(int handle, const uint32_t *est_ents)
     if (result != 0)
         return result;
     bind_hash(head, flg);
+    head->refill_pos = 0; // not 0 only when a reshaper's close has cleared the refill bit: that rebuild is given up
     // Publish: the table is empty, in its full length and described. Pairs with the snapshot of
     // every operation of the writer, this one or the next.
     change32(&sn->comm_flg, 0, CF_TXN);
