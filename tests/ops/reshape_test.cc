@@ -1,6 +1,9 @@
 // Reshaping in one process: the interim list, the open and its refusals, what a reshape makes of a
 // store, and what its close does when something is left.
+#include <fcntl.h>
 #include <sys/stat.h>
+
+#include <thread>
 
 #include "reshape/interim.h"
 #include "support/kv.h"
@@ -63,6 +66,28 @@ template <typename C, size_t N, typename F> void side_by_side(const C (&cases)[N
         waitpid(pid, &status, 0);
         EXPECT_EQ(status, 0);
     }
+}
+
+size_t open_fds()
+{
+    size_t cnt = 0;
+    for (int fd = 0; fd < 1024; fd++)
+        cnt += fcntl(fd, F_GETFD) != -1;
+    return cnt;
+}
+
+// A move by hand, through the interface alone.
+int move_by_hand(int mover)
+{
+    char key_room[64], val_room[64];
+    int result = shkv_iterate(mover, nullptr, nullptr, nullptr, 1);
+    while (result == 0) {
+        shkv_buf key = {key_room, sizeof key_room}, value = {val_room, sizeof val_room};
+        if ((result = shkv_iterate(mover, &key, &value, nullptr, 0)) == 0 &&
+            (result = __shkv_add(mover, &key, &value, nullptr, 0x88)) == 0)
+            result = __shkv_delete(mover, &key, 0x66);
+    }
+    return result;
 }
 
 uint32_t first_byte(const void *key, uint32_t)
@@ -246,11 +271,65 @@ TEST(reshape, a_store_moves_to_and_fro_under_its_handles)
     EXPECT_EQ(faults_of("fro"), "");
 }
 
+// A caller that moves the records itself, into chains of MD2 and back, with long chains in both.
+TEST(reshape, records_can_be_moved_by_hand)
+{
+    kv store = fixed_kv("hand", 400);
+    contents want = store.all();
+    for (uint32_t ud_sz : {1u, 0u, 0u}) {
+        kv mover = {open_reshaper("hand", {800, ud_sz, 0, 2})};
+        ASSERT_GT(mover.handle, 0);
+        EXPECT_EQ(move_by_hand(mover.handle), ENOENT);
+        for (int i = 0; i < 40; i++) { // replaced in the middle of a chain
+            std::string key = "k" + std::to_string(7 * i), value = "r" + std::to_string(ud_sz);
+            shkv_buf key_buf = buf_of(key), value_buf = buf_of(value);
+            EXPECT_EQ(__shkv_add(mover.handle, &key_buf, &value_buf, nullptr, 0x88), 0);
+            want[key] = value;
+        }
+        for (const auto &[key, value] : want)
+            ASSERT_EQ(store.at(key), value);
+        ASSERT_EQ(shkv_close(mover.handle), 0);
+        EXPECT_EQ(store.all(), want);
+        EXPECT_EQ(faults_of("hand"), "");
+    }
+}
+
+// A transaction that begins while the objects are being made is not overrun: either there is no
+// reshape, or nothing has been staged.
+TEST(reshape, a_transaction_that_comes_in_between_keeps_it_out)
+{
+    kv store = fixed_kv("between", 50);
+    uint32_t *flg_p = &store.sn()->comm_flg;
+    std::thread writer([&] {
+        while (!(__atomic_load_n(flg_p, __ATOMIC_ACQUIRE) & CF_RESH_TOKEN1))
+            __builtin_ia32_pause();
+        EXPECT_EQ(shkv_txn_start(store.handle, nullptr), 0);
+    });
+    uint32_t err = 0;
+    int mover = open_reshaper("between", {64 << 20, 1, 0, 0}, &err);
+    writer.join();
+    EXPECT_EQ(store.add("k3", "staged"), 0);
+    EXPECT_TRUE(mover > 0 || (err == EINVAL && *flg_p == (REST | CF_TXN)));
+    EXPECT_EQ(mover ? shkv_close(mover) : 0, 0);
+    EXPECT_EQ(shkv_txn_commit(store.handle, nullptr), 0);
+    EXPECT_EQ(store.at("k3"), "staged");
+    EXPECT_EQ(store.all().size(), 50u);
+    EXPECT_EQ(faults_of("between", mover > 0), "");
+    EXPECT_EQ(shkv_reshaping("between", 0, 1, 0, 0), 0);
+    EXPECT_EQ(store.at("k3"), "staged");
+    EXPECT_EQ(shkv_open_reshaping("nowhere", UUID_RESHAPE1, 0, nullptr, SHKV_AM_RESHAPE, nullptr), 0);
+}
+
 TEST(reshape, an_empty_store_ends_at_once_with_the_new_objects)
 {
     kv store = fixed_kv("empty", 0);
     for (uint32_t opflg : {0u, 0x33u}) {
-        EXPECT_EQ(shkv_reshape_db("shkv:empty", opflg), 0);
+        in_child([&] { // with no head but its own, and nothing kept but what a cut space had
+            memset(shkv_db_heads, 0, sizeof shkv_db_heads);
+            size_t fds = open_fds();
+            EXPECT_EQ(shkv_reshape_db("shkv:empty", opflg), 0);
+            return (int)(open_fds() - fds - 1);
+        });
         EXPECT_EQ(store.sn()->comm_flg, opflg ? REST : OVER);
         EXPECT_EQ(store.all().size(), 0u);
     }

@@ -13,7 +13,8 @@
 // the first record may move.
 //
 // Killed, or failed, behind 1 the token stays and keeps later reshapes out; before 4 the store works
-// on as it was, from 4 on as in a reshape whose mover has stopped.
+// on as it was, from 4 on as in a reshape whose mover has stopped. But where a transaction has begun
+// since it was looked for, 4 is not made and the token is given back.
 #include "reshape/open_reshaping.h"
 
 #include <errno.h>
@@ -40,6 +41,8 @@ namespace {
 
 constexpr uint32_t HASH_ARGS = 11;     // selectors of built-in functions
 constexpr uint32_t HASH_DEFAULT = 7;
+constexpr uint32_t TXN_BITS = CF_TXN | CF_TXN_COMMIT;
+constexpr const char *UNDER_TXN = "disable reshaping when DB is under txn. ";
 constexpr uint32_t NODES_LEAST = 4; // a record beside two sentinels and the list's dead node
 
 struct open_op {
@@ -70,8 +73,8 @@ int check_store(const open_op *op_p)
         return refuse_state(op_p, "reshaping failed: dvmm mode currently not             support shrink.");
     if (flg & (CF_REFILL1 | CF_REFILL2))
         return refuse_state(op_p, "disable reshaping when DB is under resizing. ");
-    if (flg & (CF_TXN | CF_TXN_COMMIT))
-        return refuse_state(op_p, "disable reshaping when DB is under txn. ");
+    if (flg & TXN_BITS)
+        return refuse_state(op_p, UNDER_TXN);
     if (!sn_complete(sn))
         return fail_err(op_p->ring_p, 0x4B, op_p->uuid, op_p->err_p, EINVAL, "uuid:%d, the db is insane.",
                         op_p->uuid);
@@ -199,8 +202,7 @@ int make_space(open_op *op_p)
 int fill_objects(open_op *op_p)
 {
     if (sigsetjmp(sigbus_jmp, 0) != 0) {
-        if (op_p->err_p)
-            *op_p->err_p = ENOMEM;
+        *op_p->err_p = ENOMEM;
         return 0;
     }
     if (!make_table(op_p))
@@ -226,10 +228,14 @@ int publish(open_op *op_p)
     // Publish. The new table is empty and the new space holds an empty list. Every snapshot from
     // here on names old and new; pairs with the first load of every operation.
     const uint32_t tables = CF_MD1 | CF_MD2 | CF_UD1 | CF_UD2 | MDO1N2 | MDN1O2 | UDO1N2 | UDN1O2;
-    change32(&sn->comm_flg, 0, (op_p->flg & tables) | CF_RESHAPE);
+    bool published = set32_unless(&sn->comm_flg, TXN_BITS, (op_p->flg & tables) | CF_RESHAPE);
     if (sem_give(&obj_sem) == -1)
         return fail_err(op_p->ring_p, 0x60, (uint32_t)errno, op_p->err_p, EFAULT, text, errno);
-    return 1;
+    if (published)
+        return 1;
+    // A transaction has begun since: its commit would change the old table without the lock.
+    token_give(sn);
+    return refuse_state(op_p, UNDER_TXN);
 }
 
 // Over one space the list of an earlier reshape may not have been emptied.
@@ -277,7 +283,7 @@ int take_handle(open_op *op_p)
     int handle = shkv_set_heads(&op_p->head);
     if (handle > 0)
         return handle;
-    return fail_err(op_p->ring_p, 0x5C, op_p->uuid, op_p->err_p, EINVAL, "%s uuid:%d, shkv_set_heads fail %d",
+    return fail_err(op_p->ring_p, 0x5C, (uint32_t)handle, op_p->err_p, EINVAL, "%s uuid:%d, shkv_set_heads fail %d",
                     "shkv_open_reshaping", op_p->uuid, handle);
 }
 
@@ -286,6 +292,10 @@ int take_handle(open_op *op_p)
 int shkv_open_reshaping(const char *dbname, uint32_t uuid, uint64_t hashfn, const shkv_rscf *rscf,
                         uint32_t access_mode, uint32_t *err)
 {
+    uint32_t unused;
+    if (!err)
+        err = &unused;
+    *err = 0;
     open_op op = {};
     op.dbname = dbname;
     op.uuid = uuid;
@@ -293,8 +303,6 @@ int shkv_open_reshaping(const char *dbname, uint32_t uuid, uint64_t hashfn, cons
     op.rscf = rscf;
     op.err_p = err;
     op.head.access_mode = access_mode;
-    if (err)
-        *err = 0;
     char path[SHKV_PATH_MAX];
     obj_path(path, dbname, OBJ_SN);
     op.sn = shkv_open_sn(path, uuid, 3, err);

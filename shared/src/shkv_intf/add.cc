@@ -167,7 +167,8 @@ int choose_table(add_op *op_p)
         return fail(op_p->ring_p, 0x6C, op_p->handle, EINVAL, "shkv_add, hashfunc is not inited, shkvh:%d",
                     op_p->handle);
     // By CF_MD1 and by whether the table is MD_TXN, not by which of MD1 and MD2 is in hand. In a
-    // reshape both bits are set, so MD2 takes md1_next here too; the walk does not. Intended.
+    // reshape both bits are set, so MD2 takes md1_next here too; the walk does not. Intended; what
+    // the walk follows is threaded beside it.
     bool txn = op_p->rec == &op_p->head->md_txn;
     op_p->link_md1 = (op_p->flg & CF_MD1 ? true : false) != txn;
     return 0;
@@ -275,6 +276,14 @@ int fill_record(const add_op *op_p)
     return 0;
 }
 
+// In a reshape, for the walk of MD2. Of a record in the middle of its chain this is the publish.
+void thread_md2(const add_op *op_p)
+{
+    put32(&op_p->fresh->md2_next, get32(op_p->old ? &op_p->old->md2_next : &op_p->bucket->first_ptr));
+    if (op_p->old && op_p->prev)
+        put32(&op_p->prev->md2_next, op_p->fresh_off);
+}
+
 void publish(const add_op *op_p)
 {
     udn *fresh = op_p->fresh;
@@ -284,6 +293,8 @@ void publish(const add_op *op_p)
                                                  : &op_p->bucket->first_ptr;
     uint32_t next = get32(op_p->old ? chain_link_p(op_p->old, op_p->link_md1) : &op_p->bucket->first_ptr);
     put32(chain_link_p(fresh, op_p->link_md1), next);
+    if (__builtin_expect((op_p->flg & CF_RESHAPE) && op_p->rec == &op_p->head->md2, 0))
+        thread_md2(op_p);
     // Publish. Payload, sizes, cksum and the record's own link are stored above. A reader gets the
     // old chain or the new one, each whole; a replaced record keeps its link, so a reader on it
     // goes on into the same rest. Pairs with get32 in bucket_find_udn.

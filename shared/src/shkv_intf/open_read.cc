@@ -27,7 +27,7 @@ static const ud_map *pinned_map;
 
 bool ud_map_in_use(const ud_map *map_p, const shkv_head *except_p)
 {
-    if (map_p == __atomic_load_n(&pinned_map, __ATOMIC_ACQUIRE))
+    if (map_p && map_p == __atomic_load_n(&pinned_map, __ATOMIC_ACQUIRE))
         return true;
     for (const shkv_head &other : shkv_db_heads)
         if (&other != except_p && other.access_mode != 0 && other.ud1_map == map_p)

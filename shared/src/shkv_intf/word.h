@@ -48,3 +48,13 @@ static inline void change32(uint32_t *word_p, uint32_t clear, uint32_t set)
                                         __ATOMIC_ACQUIRE)) {
     }
 }
+
+// Sets bits unless one of these stands there already. Whether it did.
+static inline bool set32_unless(uint32_t *word_p, uint32_t unless, uint32_t set)
+{
+    uint32_t was = get32(word_p);
+    while (!(was & unless))
+        if (__atomic_compare_exchange_n(word_p, &was, was | set, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+            return true;
+    return false;
+}
