@@ -23,6 +23,3 @@ target_include_directories(ovo_shkv PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set_target_properties(ovo_shkv PROPERTIES SOVERSION 0 VERSION ${PROJECT_VERSION} LINKER_LANGUAGE C)
 target_link_options(ovo_shkv PRIVATE -Wl,-z,defs -Wl,--as-needed)
-
-install(TARGETS ovo_shkv EXPORT ovo_shkv LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES include/shkv.h include/shkv_format.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
