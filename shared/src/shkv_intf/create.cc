@@ -4,8 +4,9 @@
 //   2. everything else, in no order that anyone could see
 //   3. magichead, then magictail: the store is there for every process
 //   4. its record in the registry
-// A failure takes all names back. A creator that dies before 3 leaves a name that can be neither
-// opened nor created; one that dies before 4 a store that the registry does not list.
+// A failure takes all names back; a page without memory the supernode's, so that the name is free.
+// A creator that dies before 3 leaves a name that can be neither opened nor created; one that dies
+// before 4 a store that the registry does not list.
 #include "shkv_intf/create.h"
 
 #include <errno.h>
@@ -196,6 +197,7 @@ static int build_guarded(create_op *op_p)
 {
     if (sigsetjmp(sigbus_jmp, 0)) {
         *op_p->errptr = ENOMEM;
+        op_p->faulted = true;
         return 0;
     }
     return build(op_p);

@@ -148,8 +148,8 @@ static void unlink_obj(const create_op *op_p, int obj_t)
     shkv_shm_unlink(path);
 }
 
-// Sizes come from the head, not from the descriptors: after a fault the supernode has no page.
-static void undo_locked(create_op *op_p)
+// After a fault these stay as they are: the next creator of the name unlinks them. Intended.
+static void undo_objects(create_op *op_p)
 {
     shkv_head *head = &op_p->head;
     if (head->md1.fd)
@@ -167,6 +167,12 @@ static void undo_locked(create_op *op_p)
     unlink_obj(op_p, OBJ_UD2);
     free_ud_map(&head->ud1_map);
     free_ud_map(&head->ud2_map);
+}
+
+static void undo_locked(create_op *op_p)
+{
+    if (!op_p->faulted)
+        undo_objects(op_p);
     unlink_obj(op_p, OBJ_SN);
     munmap(op_p->sn, sn_map_sz());
 }

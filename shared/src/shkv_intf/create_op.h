@@ -15,6 +15,7 @@ struct create_op {
     supernode *sn;
     shkv_head head;      // becomes the slot
     int handle;          // 0 until there is one
+    bool faulted;        // no memory behind a page of an object
 };
 
 // Each logs its own failure and sets *errptr. 1, or 0.
@@ -24,5 +25,6 @@ int create_sn(create_op *op_p);
 int create_tables(create_op *op_p);
 int create_spaces(create_op *op_p);
 
-// Takes everything back: names, mappings, descriptors. Touches no page of the store. Returns 0.
+// Takes everything back: names, mappings, descriptors; after a fault the supernode alone. Touches no
+// page of the store. Returns 0.
 int create_undo(create_op *op_p);
