@@ -83,13 +83,13 @@ TEST(Create, refusals_in_their_order)
         {"x", {257, 2049, 0xffffff, 1, 0},
          {22, "The shkvdb is too big, maxksz=257, maxvsz=2049, maxents=16777215 ", 0x01000018, 0xffffff}},
         {long_name.c_str(), {257, 2049, 100, 1, 0}, {22, "uuid:5, the uri is too long", 0x0100001a, 5}},
-        {full_name.c_str(), {257, 2049, 100, 1, 0}, {22, "uuid:5, the key size is too large", 0x0100001b, 257}},
-        {"x", {256, 2049, 100, 1, 0}, {22, "uuid:5, the value size is too large", 0x0100001c, 2049}},
+        {full_name.c_str(), {257, 2049, 100, 1, 0}, {22, "uuid:5, the key size is too large", 0x0100001b, 5}},
+        {"x", {256, 2049, 100, 1, 0}, {22, "uuid:5, the value size is too large", 0x0100001c, 5}},
         {"a:taken", ok, {17, "uuid:5, can not create supernode,errno:17", 0x03000025, 5, 17}},
         {"x", {16, 32, 100, 0x2021, 0}, {22, "SHKV shared mapping do not support FIXEDMM", 0x01000030, 0x2021}},
-        {"x", {16, 16, 4097, 0x23, 0}, {22, "uuid:5, L3 database is too big", 0x0100002f, 32 * 4097}},
-        {"x", {16, 32, 100, 0x3, 0}, {12, "uuid:5, the dbconf mode is not supported", 0x0100002f, 3}},
-        {"x", {16, 32, 100, 0, 0}, {12, "uuid:5, the dbconf mode is not supported", 0x0100002f, 0}},
+        {"x", {16, 16, 4097, 0x23, 0}, {22, "uuid:5, L3 database is too big", 0x0100002f, 5}},
+        {"x", {16, 32, 100, 0x3, 0}, {12, "uuid:5, the dbconf mode is not supported", 0x0100002f, 5}},
+        {"x", {16, 32, 100, 0, 0}, {12, "uuid:5, the dbconf mode is not supported", 0x0100002f, 5}},
     };
     for (const auto &c : cases)
         call_create(c.uri, &c.conf, c.want);
@@ -97,6 +97,10 @@ TEST(Create, refusals_in_their_order)
     log_catcher log;
     EXPECT_EQ(0, shkv_create("x", 5, &ok, 0, nullptr));
     EXPECT_EQ("uuid:5, errptr is empty, internal error!", log.last());
+    uint32_t err = 0;
+    EXPECT_EQ(0, shkv_create("a:taken", 5, &ok, 0, &err));
+    EXPECT_NE(std::string::npos,
+              log.all().find("uuid:5,failed to create supernode shm taken,                    errno:17"));
     EXPECT_EQ(0, put(taken.handle, "still", "there"));
     EXPECT_EQ(0, shkv_destroy(taken.handle));
 }

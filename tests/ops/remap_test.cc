@@ -110,6 +110,19 @@ TEST(Remap, failed_remap_leaves_no_mapping_and_is_tried_again)
     last_event event(sn);
     EXPECT_EQ(TRACE_ONE | 0x3cu, event.code);
     EXPECT_EQ((uint32_t)EINVAL, event.arg);
+    // Every operation tells of it by an event of its own, with the value.
+    auto told = [&](uint32_t want, int result) {
+        last_event own(sn);
+        EXPECT_EQ(ENOMEM, result) << want;
+        EXPECT_EQ(TRACE_ONE | want, own.code);
+        EXPECT_EQ((uint32_t)ENOMEM, own.arg) << want;
+    };
+    shkv_buf key = buf_of("key"), value = {nullptr, 0};
+    told(0x16, shkv_lookup(reader.handle, &key, &value));
+    told(0x74, shkv_lookup_lite(reader.handle, &key, &value));
+    told(0x90, shkv_iterate(writer.handle, nullptr, nullptr, nullptr, 1));
+    told(0x6a, put(writer.handle, "key", "v"));
+    told(0x7d, del(writer.handle, "key"));
     sn->md1.obj_sz = size;
     EXPECT_EQ(0, check(reader, CF_MD1 | CF_UD1, RO));
     EXPECT_NE(nullptr, reader.head()->md1.base);

@@ -53,10 +53,10 @@ static int check_config(create_op *op_p)
         return fail_err(op_p->ring_p, 0x1a, op_p->uuid, op_p->errptr, EINVAL, "uuid:%d, the uri is too long",
                         uuid);
     if (conf_p->maxksz > KEY_MAX)
-        return fail_err(op_p->ring_p, 0x1b, conf_p->maxksz, op_p->errptr, EINVAL,
+        return fail_err(op_p->ring_p, 0x1b, op_p->uuid, op_p->errptr, EINVAL,
                         "uuid:%d, the key size is too large", uuid);
     if (conf_p->maxvsz > VAL_MAX)
-        return fail_err(op_p->ring_p, 0x1c, conf_p->maxvsz, op_p->errptr, EINVAL,
+        return fail_err(op_p->ring_p, 0x1c, op_p->uuid, op_p->errptr, EINVAL,
                         "uuid:%d, the value size is too large", uuid);
     return 1;
 }
@@ -114,7 +114,7 @@ static int check_l3(create_op *op_p)
     uint32_t bytes = ((uint32_t)conf_p->maxksz + conf_p->maxvsz) * conf_p->maxents; // may wrap
     if (!(conf_p->conf_flg & CONF_L3) || bytes <= L3_MAX)
         return 1;
-    return fail_err(op_p->ring_p, 0x2f, bytes, op_p->errptr, EINVAL, "uuid:%d, L3 database is too big",
+    return fail_err(op_p->ring_p, 0x2f, op_p->uuid, op_p->errptr, EINVAL, "uuid:%d, L3 database is too big",
                     (int)op_p->uuid);
 }
 
@@ -125,7 +125,7 @@ static int lay_out_space(create_op *op_p)
     uint32_t mode = op_p->sn->conf_flg & CONF_MM_MASK;
     LOG("%s: MM mode is set to 0x%x", "shkv_create", mode);
     if (mode != CONF_FIXEDMM && mode != CONF_VECTORMM)
-        return fail_err(op_p->ring_p, 0x2f, mode, op_p->errptr, ENOMEM,
+        return fail_err(op_p->ring_p, 0x2f, op_p->uuid, op_p->errptr, ENOMEM,
                         "uuid:%d, the dbconf mode is not supported", (int)op_p->uuid);
     uint32_t dn_sz = mode == CONF_FIXEDMM ? conf_p->maxksz + UDN_HEAD_SZ + conf_p->maxvsz : VEC_UNIT_SZ;
     shkv_fixed_mm_init((sbm *)head->ud1_map->map[0], op_p->sn->ud1.obj_sz, dn_sz, conf_p->maxents);

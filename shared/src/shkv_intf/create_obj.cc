@@ -64,7 +64,7 @@ static int create_sn_locked(create_op *op_p, const char *path)
     if (fd == -1)
         return fail_err(op_p->ring_p, 0x1f, (uint32_t)errno, op_p->errptr, EEXIST,
                         "uuid:%d,failed to create supernode shm %s,                    errno:%d",
-                        (int)op_p->uuid, path, errno);
+                        (int)op_p->uuid, op_p->dbname, errno);
     return size_and_map_sn(op_p, path, fd);
 }
 

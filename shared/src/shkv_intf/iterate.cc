@@ -100,7 +100,7 @@ static int take_snapshot(iter_op *op_p)
                     "shkv_iter, slow path forbid iterate, shkvh:%d", shkvh);
     int ret = check_hdmd_remap(op_p->head, op_p->flg, shkvh, PROT_READ, op_p->ring_p);
     if (ret != 0)
-        return fail(op_p->ring_p, 0x90, (uint32_t)shkvh, ret, "shkv_iter, check_hdmd_remap fail %d", ret);
+        return fail(op_p->ring_p, 0x90, (uint32_t)ret, ret, "shkv_iter, check_hdmd_remap fail %d", ret);
     choose_tables(op_p);
     return 0;
 }

@@ -286,8 +286,7 @@ static int look(lookup_op *op_p)
                     "shkv_lookup, the db has been destroyed, shkvh:%d", op_p->handle);
     int ret = check_hdmd_remap(op_p->head, op_p->flg, op_p->handle, PROT_READ, op_p->ring_p);
     if (ret != 0)
-        return fail(op_p->ring_p, 0x16, (uint32_t)op_p->handle, ret, "shkv_lookup, check_hdmd_remap failed %d",
-                    ret);
+        return fail(op_p->ring_p, 0x16, (uint32_t)ret, ret, "shkv_lookup, check_hdmd_remap failed %d", ret);
     op_p->prim = op_p->sec = {};
     op_p->two_uds = get_active_db(&op_p->prim, &op_p->sec, op_p->head, op_p->flg) == 1;
     if ((op_p->head->access_mode & SHKV_AM_WRITE) && (op_p->flg & CF_TXN))

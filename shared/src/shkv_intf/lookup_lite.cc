@@ -38,7 +38,7 @@ static int look(shkv_head *head, int shkvh, const shkv_buf *key, shkv_buf *value
                     shkvh);
     int ret = check_hdmd_remap(head, flg, shkvh, PROT_READ, ring_p);
     if (ret != 0)
-        return fail(ring_p, 0x74, (uint32_t)shkvh, ret, "shkv_lookup, check_hdmd_remap failed %d", ret);
+        return fail(ring_p, 0x74, (uint32_t)ret, ret, "shkv_lookup, check_hdmd_remap failed %d", ret);
     const md_desc *desc = flg & CF_MD1 ? &sn->md1 : &sn->md2;
     const md_rec *rec = flg & CF_MD1 ? &head->md1 : &head->md2;
     const ud_map *ud = head->ud1_map;

@@ -173,7 +173,7 @@ static int settle_batch(write_op *op_p, int handle)
     *op_p->errptr = (uint32_t)shkv_start_rollback(handle);
     if (*op_p->errptr == 0)
         return 1;
-    fail(op_p->ring_p, 0x5e, *op_p->errptr, 0, "uuid:%d, rollback failed when shkv open", (int)op_p->uuid);
+    fail(op_p->ring_p, 0x5e, op_p->uuid, 0, "uuid:%d, rollback failed when shkv open", (int)op_p->uuid);
     give_place_back(op_p);
     bool locked = sem_take(&hd_sem) == 0; // who scans the heads is not looking at it now
     shkv_db_heads[handle - 1].sn = nullptr;
