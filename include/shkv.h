@@ -286,10 +286,11 @@ SHKV_API int shkv_txn_start(int handle, const uint32_t *est_ents);
 
 /* Applies what is staged. A crash at any moment is finished by the next write open: all or nothing.
  * Readers beside it see each key old or new, in no particular order. unused is not read. 0 also
- * when no transaction is open; EBADF. */
+ * when no transaction is open; EBADF. The transaction stays open with EINVAL, a handle that may not
+ * write or does not know the store's hash function, and ENOMEM, a table that is not mapped here. */
 SHKV_API int shkv_txn_commit(int handle, void *unused);
 
-/* Drops what is staged. 0 also when no transaction is open; EBADF. */
+/* Drops what is staged. 0 also when no transaction is open; EBADF, EINVAL, ENOMEM as a commit. */
 SHKV_API int shkv_txn_abort(int handle);
 
 /* 1 while the store has an open transaction, also one that a dead writer left; 0 otherwise, and for
