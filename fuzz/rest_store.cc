@@ -19,7 +19,8 @@ void save_supernode(rest_store *rest_p, supernode *sn)
 
 void enter_private_place()
 {
-    if (!private_shm()) {
+    // A damaged size asks for gigabytes: there are none.
+    if (!private_shm() || !remount_shm("256m")) {
         fprintf(stderr, "cannot make a mount namespace with a /dev/shm of its own\n");
         exit(1);
     }

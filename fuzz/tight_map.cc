@@ -1,13 +1,14 @@
 // Mappings of files as tight as they can be: behind each lies a page that nothing may touch, and the
-// rest of its last page is poisoned. Who reads past the end of what it mapped is found out.
+// rest of its last page is poisoned (under the address sanitizer). Who reads past the end of what it
+// mapped is found out.
 #include <stdint.h>
 #include <sys/mman.h>
 
 extern "C" {
 void *__real_mmap(void *addr, size_t len, int prot, int flags, int fd, long off);
 int __real_munmap(void *addr, size_t len);
-void __asan_poison_memory_region(void const volatile *addr, size_t size);
-void __asan_unpoison_memory_region(void const volatile *addr, size_t size);
+void __asan_poison_memory_region(void const volatile *addr, size_t size) __attribute__((weak));
+void __asan_unpoison_memory_region(void const volatile *addr, size_t size) __attribute__((weak));
 }
 
 bool tight_tails; // poisoned from here on; a creation clears whole pages
@@ -33,7 +34,7 @@ extern "C" void *__wrap_mmap(void *addr, size_t len, int prot, int flags, int fd
         __real_munmap(at, whole(len) + PAGE);
         return MAP_FAILED;
     }
-    if (tight_tails && len != SUPERNODE_LEN)
+    if (tight_tails && len != SUPERNODE_LEN && __asan_poison_memory_region)
         __asan_poison_memory_region(at + len, whole(len) - len);
     for (auto &slot : tight)
         if (!slot.at) {
@@ -48,7 +49,8 @@ extern "C" int __wrap_munmap(void *addr, size_t len)
     for (auto &slot : tight)
         if (slot.at == addr && addr) {
             size_t mapped = slot.len;
-            __asan_unpoison_memory_region(slot.at + mapped, whole(mapped) - mapped);
+            if (__asan_unpoison_memory_region)
+                __asan_unpoison_memory_region(slot.at + mapped, whole(mapped) - mapped);
             slot = {};
             return __real_munmap(addr, whole(mapped) + PAGE);
         }

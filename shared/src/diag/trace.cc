@@ -23,16 +23,24 @@ static trace_rec *slot_p(trace_ring *ring_p, uint16_t slot)
     return (trace_rec *)(ring_p + 1) + slot;
 }
 
-// Where the next record goes. index is another process's store: beyond count means slot 0.
-static uint16_t current_slot(const trace_ring *ring_p)
+// Slots of a ring. A store's is one page long, whatever somebody has stored into its count.
+static uint16_t slots_of(const trace_ring *ring_p)
 {
-    uint16_t slot = get16(&ring_p->index);
-    return slot < get16(&ring_p->count) ? slot : 0;
+    const uint16_t PAGE_SLOTS = (uint16_t)((SHKV_PAGE_SIZE - sizeof(trace_ring)) / sizeof(trace_rec));
+    uint16_t cnt = get16(&ring_p->count);
+    return cnt < PAGE_SLOTS ? cnt : PAGE_SLOTS;
 }
 
-static uint16_t slot_after(const trace_ring *ring_p, uint16_t slot)
+// Where the next record goes. index is another process's store: beyond count means slot 0.
+static uint16_t current_slot(const trace_ring *ring_p, uint16_t cnt)
 {
-    return slot + 1 < get16(&ring_p->count) ? slot + 1 : 0;
+    uint16_t slot = get16(&ring_p->index);
+    return slot < cnt ? slot : 0;
+}
+
+static uint16_t slot_after(uint16_t slot, uint16_t cnt)
+{
+    return slot + 1 < cnt ? slot + 1 : 0;
 }
 
 static bool ring_take(trace_ring *ring_p)
@@ -55,9 +63,9 @@ void trace_one(void *ring, uint32_t event, uint32_t arg)
         return;
     uint64_t now = cycles();
     bool locked = ring_take(ring_p);
-    uint16_t slot = current_slot(ring_p);
+    uint16_t cnt = slots_of(ring_p), slot = current_slot(ring_p, cnt);
     *slot_p(ring_p, slot) = {TRACE_ONE | event, arg, now};
-    ring_give(ring_p, slot_after(ring_p, slot), locked);
+    ring_give(ring_p, slot_after(slot, cnt), locked);
 }
 
 void trace_pair(void *ring, uint32_t event, uint32_t arg, uint32_t arg2, uint32_t word3)
@@ -67,11 +75,11 @@ void trace_pair(void *ring, uint32_t event, uint32_t arg, uint32_t arg2, uint32_
         return;
     uint64_t now = cycles();
     bool locked = ring_take(ring_p);
-    uint16_t slot = current_slot(ring_p);
+    uint16_t cnt = slots_of(ring_p), slot = current_slot(ring_p, cnt);
     *slot_p(ring_p, slot) = {TRACE_PAIR1 | event, arg, now};
-    slot = slot_after(ring_p, slot);
+    slot = slot_after(slot, cnt);
     *slot_p(ring_p, slot) = {TRACE_PAIR2 | event, arg2, word3}; // no time: word3, then zero
-    ring_give(ring_p, slot_after(ring_p, slot), locked);
+    ring_give(ring_p, slot_after(slot, cnt), locked);
 }
 
 // Keeps the last 12 bytes: the end of a name is the telling part. A shorter text gets one NUL, and
@@ -88,13 +96,13 @@ void shtrace_str(void *buf, uint32_t id, uint32_t arg, const char *str)
         len = TRACE_STR_MAX;
     }
     bool locked = ring_take(ring_p);
-    uint16_t slot = current_slot(ring_p);
+    uint16_t cnt = get16(&ring_p->count), slot = current_slot(ring_p, cnt); // of any length
     *slot_p(ring_p, slot) = {id | TRACE_STR1, arg, now};
-    slot = slot_after(ring_p, slot);
+    slot = slot_after(slot, cnt);
     trace_rec *rec_p = slot_p(ring_p, slot);
     rec_p->code = id | TRACE_STR2;
     memcpy((char *)rec_p + offsetof(trace_rec, arg), str, len < TRACE_STR_MAX ? len + 1 : len);
-    ring_give(ring_p, slot_after(ring_p, slot), locked);
+    ring_give(ring_p, slot_after(slot, cnt), locked);
 }
 
 int shtrace_init(void *buf, int size, int locked)

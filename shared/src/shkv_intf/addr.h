@@ -3,10 +3,12 @@
 #include "shkv.h"
 #include "shkv_intf/word.h"
 
-// True when a record space is mapped in chunks, so that an offset needs shkv_ud_offset_to_addr.
+// True when a record space is mapped in chunks, so that an offset needs shkv_ud_offset_to_addr. It
+// goes by the mapping that was made, not by what the store's flags say by now: a byte that somebody
+// damages there must not change how offsets are taken.
 static inline bool is_shared_map(const shkv_head *head)
 {
-    return (head->sn->conf_flg & CONF_SHMAP) && !(head->access_mode & SHKV_AM_RESHAPE);
+    return head->map0_sz != 0 && !(head->access_mode & SHKV_AM_RESHAPE);
 }
 
 static inline void *ud_addr(shkv_head *head, void *ud_base, uint32_t off, bool shared_map)
