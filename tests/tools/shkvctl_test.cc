@@ -1,55 +1,18 @@
 // shkvctl as its users meet it: command lines, what they print, and their exit codes. Each story
 // is a list of lines run by a shell one after the other in a /dev/shm of its own.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <regex>
 #include <string>
-#include <vector>
 
 #include "shkv.h"
 #include "support/main.h"
+#include "tools/play.h"
 
 namespace
 {
-struct Step {
-    const char *line; // after "shkvctl ", or a whole line of shell when it begins with '!'
-    int exit_code;
-    const char *output; // both streams; "~" begins a regular expression that must be found in it
-};
-
-std::string run(const std::string &line, int *exit_code)
-{
-    std::string command = line[0] == '!' ? line.substr(1) : "shkvctl " + line, output;
-    FILE *pipe = popen(("exec 2>&1; PATH=" SHKV_TOOLS_DIR ":$PATH; " + command).c_str(), "r");
-    char part[4096];
-    for (size_t n; (n = fread(part, 1, sizeof part, pipe)) > 0;)
-        output.append(part, n);
-    int status = pclose(pipe);
-    *exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return output;
-}
-
-void play(const std::vector<Step> &steps)
-{
-    ASSERT_TRUE(remount_shm("256m"));
-    for (const Step &step : steps) {
-        SCOPED_TRACE(step.line);
-        int exit_code = 0;
-        std::string output = run(step.line, &exit_code);
-        EXPECT_EQ(exit_code, step.exit_code) << output;
-        if (step.output[0] == '~')
-            EXPECT_TRUE(std::regex_search(output, std::regex(step.output + 1)))
-                << output << "\nlacks " << step.output;
-        else
-            EXPECT_EQ(output, step.output);
-    }
-}
-
 TEST(shkvctl, records_go_in_and_come_out)
 {
     play({
@@ -231,40 +194,6 @@ TEST(shkvctl, a_reshape_moves_all_records)
         {"!shkvctl create v --vector -q; shkvctl reshape v", 3, "~only stores with records of fixed size"},
     });
 }
-
-// A writer of another process that holds the store, as a service would.
-class Holder
-{
-  public:
-    explicit Holder(const char *uri)
-    {
-        int pipes[2];
-        EXPECT_EQ(pipe(pipes), 0);
-        pid_ = fork();
-        if (pid_ == 0) {
-            uint32_t err = 0;
-            int handle = shkv_open(uri, 0, 0, SHKV_AM_WRITE, &err);
-            char ok = handle > 0;
-            if (write(pipes[1], &ok, 1) != 1)
-                _exit(1);
-            for (;;)
-                pause();
-        }
-        char ok = 0;
-        EXPECT_EQ(read(pipes[0], &ok, 1), 1);
-        EXPECT_TRUE(ok);
-        close(pipes[0]);
-        close(pipes[1]);
-    }
-    void kill_it()
-    {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-
-  private:
-    pid_t pid_;
-};
 
 TEST(shkvctl, a_living_writer_is_named_and_a_dead_one_replaced)
 {

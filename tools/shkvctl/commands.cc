@@ -15,6 +15,7 @@ const std::vector<const Command *> &commands()
         &cmd_set,      &cmd_get,     &cmd_del,    &cmd_scan,    // records
         &cmd_load,     &cmd_apply,   &cmd_txn,                  // many records
         &cmd_set_opts, &cmd_reshape, &cmd_limits, &cmd_cleanup, // upkeep
+        &cmd_trace,    &cmd_who,                                // diagnosis
     };
     return table;
 }

@@ -1,0 +1,77 @@
+#include "tools/play.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <regex>
+
+#include "shkv.h"
+#include "support/main.h"
+
+std::string run(const std::string &line, int *exit_code)
+{
+    std::string command = line[0] == '!' ? line.substr(1) : "shkvctl " + line, output;
+    FILE *pipe = popen(("exec 2>&1; PATH=" SHKV_TOOLS_DIR ":$PATH; " + command).c_str(), "r");
+    char part[4096];
+    for (size_t n; (n = fread(part, 1, sizeof part, pipe)) > 0;)
+        output.append(part, n);
+    int status = pclose(pipe);
+    *exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return output;
+}
+
+void go_on(const std::vector<Step> &steps)
+{
+    for (const Step &step : steps) {
+        SCOPED_TRACE(step.line);
+        int exit_code = 0;
+        std::string output = run(step.line, &exit_code);
+        EXPECT_EQ(exit_code, step.exit_code) << output;
+        if (step.output[0] == '~')
+            EXPECT_TRUE(std::regex_search(output, std::regex(step.output + 1)))
+                << output << "\nlacks " << step.output;
+        else
+            EXPECT_EQ(output, step.output);
+    }
+}
+
+void play(const std::vector<Step> &steps)
+{
+    ASSERT_TRUE(remount_shm("256m"));
+    go_on(steps);
+}
+
+Holder::Holder(const char *uri, uint32_t mode, const std::function<void(int handle)> &work)
+{
+    int pipes[2];
+    EXPECT_EQ(pipe(pipes), 0);
+    pid_ = fork();
+    if (pid_ == 0) {
+        uint32_t err = 0;
+        int handle = shkv_open(uri, 0, 0, mode, &err);
+        char ok = handle > 0;
+        if (ok && work)
+            work(handle);
+        if (write(pipes[1], &ok, 1) != 1)
+            _exit(1);
+        for (;;)
+            pause();
+    }
+    char ok = 0;
+    EXPECT_EQ(read(pipes[0], &ok, 1), 1);
+    EXPECT_TRUE(ok);
+    close(pipes[0]);
+    close(pipes[1]);
+}
+
+void Holder::kill_it()
+{
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    pid_ = 0;
+}
