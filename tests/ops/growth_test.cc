@@ -45,6 +45,8 @@ void pretend_size(const kv &store, uint32_t size)
     ASSERT_NE(ud->map[0], MAP_FAILED);
     ud->mapped_sz = size;
     store.sn()->ud1.obj_sz = size;
+    if (!(store.sn()->conf_flg & CONF_SHMAP))
+        return;
     store.head()->map0_sz = size;
     bool big = size >= CHUNK_BIG;
     store.head()->map0_chunk = (int32_t)(big ? size / CHUNK_BIG + 3 : size / CHUNK_SMALL);

@@ -58,7 +58,7 @@ chain_walk walk_for(const kv &store, const std::string &key)
 {
     chain_walk walk;
     shkv_head *head = store.head();
-    walk_init(&walk, head, head->md1.base, &head->md1.base[bucket_of_key(store, key)], ud_of(store), key.data(),
+    walk_init(&walk, head, &head->md1, &head->md1.base[bucket_of_key(store, key)], ud_of(store), key.data(),
               (uint32_t)key.size(), head->ud1_map->mapped_sz, nullptr);
     return walk;
 }

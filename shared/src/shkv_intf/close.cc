@@ -13,6 +13,7 @@
 #include "reshape/reshape_end.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/head.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/obj_drop.h"
 #include "shkv_intf/open_read.h"
 #include "shkv_intf/proc.h"
@@ -88,6 +89,7 @@ static int release_locked(int handle)
         return EBADF;
     unmap_mds(head);
     release_maps(head);
+    mapping_drop_old(head);
     close_mds(head);
     supernode *sn = head->sn;
     put32(&head->access_mode, 0);

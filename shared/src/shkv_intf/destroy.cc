@@ -14,6 +14,7 @@
 #include "diag/trace.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/head.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/obj_drop.h"
 #include "shkv_intf/open_read.h"
 #include "shkv_intf/proc.h"
@@ -67,6 +68,7 @@ static int remove_ud(shkv_head *head, int obj_t, ud_map **map_pp)
 static void remove_sn(shkv_head *head, int handle)
 {
     shkv_head last = *head;
+    mapping_drop_old(head);
     head->sn = nullptr;
     shkv_clear_head(handle);
     shkv_del_shm_obj(&last, OBJ_SN);

@@ -16,6 +16,7 @@
 #include "shkv_intf/addr.h"
 #include "shkv_intf/chain.h"
 #include "shkv_intf/guard.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/obj_remap.h"
 #include "shkv_intf/quick.h"
 #include "shkv_intf/record.h"
@@ -69,22 +70,27 @@ static int check_args(const iter_op *op_p, int reset)
     return 0;
 }
 
-// The old table and the old record space of a reshape; never MD_TXN.
-static void choose_tables(iter_op *op_p)
+// The old table and the old record space of a reshape; never MD_TXN. False when another thread is
+// about to exchange the mapping of the table.
+static bool choose_tables(iter_op *op_p)
 {
     shkv_head *head = op_p->head;
     active_db prim = {}, sec = {};
     get_active_db(&prim, &sec, head, op_p->flg);
-    const mdn *md_base = prim.rec ? prim.rec->base : nullptr;
+    uint32_t md_sz = 0;
+    const mdn *md_base = prim.rec ? md_mapped(prim.rec, &md_sz) : nullptr;
     const md_desc *curr_md = prim.desc;
+    if (!md_base && prim.rec && get32(&prim.rec->ver) != get32(&curr_md->obj_ver))
+        return false;
     assert(md_base);
     assert(curr_md);
     op_p->md_base = md_base;
     op_p->md1 = prim.rec == &head->md1;
     op_p->bkts = get32(&curr_md->hashsz);
-    op_p->mapped_bkts = prim.rec->mapped_sz / (uint32_t)sizeof(mdn);
-    op_p->ud_base = prim.ud ? prim.ud->map[0] : nullptr;
-    op_p->limit = prim.ud ? prim.ud->mapped_sz : 0;
+    op_p->mapped_bkts = md_sz / (uint32_t)sizeof(mdn);
+    op_p->limit = 0;
+    op_p->ud_base = prim.ud ? ud_mapped(prim.ud, &op_p->limit) : nullptr;
+    return true;
 }
 
 static int take_snapshot(iter_op *op_p)
@@ -101,8 +107,7 @@ static int take_snapshot(iter_op *op_p)
     int ret = check_hdmd_remap(op_p->head, op_p->flg, shkvh, PROT_READ, op_p->ring_p);
     if (ret != 0)
         return fail(op_p->ring_p, 0x90, (uint32_t)ret, ret, "shkv_iter, check_hdmd_remap fail %d", ret);
-    choose_tables(op_p);
-    return 0;
+    return choose_tables(op_p) ? 0 : ITER_AGAIN;
 }
 
 // ---- Buckets ------------------------------------------------------------------------------------

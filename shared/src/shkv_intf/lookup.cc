@@ -19,6 +19,7 @@
 #include "shkv_intf/addr.h"
 #include "shkv_intf/chain.h"
 #include "shkv_intf/guard.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/obj_remap.h"
 #include "shkv_intf/quick.h"
 #include "shkv_intf/record.h"
@@ -39,11 +40,41 @@ struct lookup_op {
     void *ring_p;
     bool last;    // no look is left: this answer stands
     bool missed;  // a look of a reshape has met nothing
-    uint32_t flg; // the snapshot of this look
+    uint32_t flg; // the snapshot of this look, and what its tables were mapped by
+    const md_desc *md_desc_p;
+    uint32_t md_ver;
+    uint32_t ud_ver;
     bool two_uds; // the secondary has a record space of its own
     active_db prim;
     active_db sec;
 };
+
+// ---- Versions -----------------------------------------------------------------------------------
+
+// Before an address is taken: a mapping's version is stored behind its address, so what is mapped
+// later than at these versions shows.
+static void note_versions(lookup_op *op_p)
+{
+    const ud_map *ud = op_p->flg & CF_UD1 ? op_p->head->ud1_map : op_p->head->ud2_map;
+    op_p->md_desc_p = op_p->prim.desc;
+    op_p->md_ver = op_p->prim.rec ? get32(&op_p->prim.rec->ver) : 0;
+    op_p->ud_ver = ud ? get32(&ud->ver) : 0;
+}
+
+// Whether the tables have changed since the snapshot: then a miss says nothing.
+static bool has_moved(const lookup_op *op_p)
+{
+    return get32(&op_p->sn->comm_flg) != op_p->flg ||
+           (op_p->md_desc_p && get32(&op_p->md_desc_p->obj_ver) != op_p->md_ver) ||
+           get32(op_p->flg & CF_UD1 ? &op_p->sn->ud1.obj_ver : &op_p->sn->ud2.obj_ver) != op_p->ud_ver;
+}
+
+// No mapping, or a shorter one. Another thread that is about to exchange it is at it under obj_sem,
+// where the next look's check waits for it.
+static int unmapped(const lookup_op *op_p)
+{
+    return !op_p->last && has_moved(op_p) ? LOOK_AGAIN : ENOMEM;
+}
 
 // ---- The answer of a record ---------------------------------------------------------------------
 
@@ -167,9 +198,10 @@ static int take_interim(const lookup_op *op_p, const udn *rec_p, uint32_t off, u
 static int look_at_interim(const lookup_op *op_p)
 {
     const ud_map *ud = op_p->two_uds ? op_p->sec.ud : op_p->prim.ud;
-    if (!ud || !ud->map[0])
-        return ENOMEM;
-    char *base = (char *)ud->map[0];
+    uint32_t limit = 0;
+    char *base = ud ? ud_mapped(ud, &limit) : nullptr;
+    if (!base)
+        return unmapped(op_p);
     const udn *rec_p = shkv_interimlst_lookup(op_p->sn, op_p->key, base);
     if (!rec_p)
         return LOOK_MISS;
@@ -178,7 +210,7 @@ static int look_at_interim(const lookup_op *op_p)
         return LOOK_MISS;
     int answer = ANSWER_DELETED;
     if (kind == INTRM_ADD)
-        answer = take_interim(op_p, rec_p, (uint32_t)((const char *)rec_p - base), ud->mapped_sz, val_sz);
+        answer = take_interim(op_p, rec_p, (uint32_t)((const char *)rec_p - base), limit, val_sz);
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
     if (!op_p->last && shkv_interimlst_lookup(op_p->sn, op_p->key, base) != rec_p)
         return LOOK_AGAIN;
@@ -208,14 +240,17 @@ static int look_at_table(const lookup_op *op_p, const active_db *db_p, const ud_
     if (!hash_fn)
         return fail(op_p->ring_p, 0x74, (uint32_t)op_p->handle, EINVAL,
                     "shkv_lookup, hashfunc is not inited, shkvh:%d", op_p->handle);
-    if (!rec->base || !ud || !ud->map[0])
-        return ENOMEM;
+    uint32_t md_sz, limit = 0;
+    const mdn *md_base = md_mapped(rec, &md_sz);
+    char *ud_base = ud ? ud_mapped(ud, &limit) : nullptr;
+    if (!md_base || !ud_base)
+        return unmapped(op_p);
     uint32_t bkt = bucket_of(hash_fn(op_p->key->ptr, op_p->key->len), get32(&db_p->desc->hashsz));
-    if (bkt >= rec->mapped_sz / sizeof(mdn))
-        return ENOMEM; // a mapping that is out of step
+    if (bkt >= md_sz / sizeof(mdn))
+        return unmapped(op_p); // a mapping that is out of step
     chain_walk walk;
-    walk_init(&walk, op_p->head, rec->base, rec->base + bkt, ud->map[0], op_p->key->ptr, op_p->key->len,
-              ud->mapped_sz, op_p->ring_p);
+    walk_init(&walk, op_p->head, rec, md_base + bkt, ud_base, op_p->key->ptr, op_p->key->len, limit,
+              op_p->ring_p);
     if (walk_find(&walk))
         return answer_of_record(op_p, &walk);
     if (out_of_actual_mem)
@@ -237,16 +272,6 @@ static int look_at_tables(lookup_op *op_p)
     return ret;
 }
 
-// Whether the tables have changed since the snapshot: then a miss says nothing.
-static bool has_moved(const lookup_op *op_p)
-{
-    const active_db *db_p = &op_p->prim;
-    if (get32(&op_p->sn->comm_flg) != op_p->flg)
-        return true;
-    const ud_desc *desc = op_p->flg & CF_UD1 ? &op_p->sn->ud1 : &op_p->sn->ud2;
-    const ud_map *ud = op_p->flg & CF_UD1 ? op_p->head->ud1_map : op_p->head->ud2_map;
-    return get32(&db_p->desc->obj_ver) != db_p->rec->ver || get32(&desc->obj_ver) != ud->ver;
-}
 
 // A reshape moves records from where this look has not been yet to where it was: one look that
 // meets nothing is not enough.
@@ -289,6 +314,7 @@ static int look(lookup_op *op_p)
         return fail(op_p->ring_p, 0x16, (uint32_t)ret, ret, "shkv_lookup, check_hdmd_remap failed %d", ret);
     op_p->prim = op_p->sec = {};
     op_p->two_uds = get_active_db(&op_p->prim, &op_p->sec, op_p->head, op_p->flg) == 1;
+    note_versions(op_p);
     if ((op_p->head->access_mode & SHKV_AM_WRITE) && (op_p->flg & CF_TXN))
         use_txn_table(&op_p->prim, op_p->head);
     ret = LOOK_MISS;

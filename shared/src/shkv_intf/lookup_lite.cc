@@ -10,6 +10,7 @@
 #include "shkv_intf/addr.h"
 #include "shkv_intf/chain.h"
 #include "shkv_intf/guard.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/obj_remap.h"
 #include "shkv_intf/quick.h"
 #include "shkv_intf/walk.h"
@@ -42,18 +43,23 @@ static int look(shkv_head *head, int shkvh, const shkv_buf *key, shkv_buf *value
     const md_desc *desc = flg & CF_MD1 ? &sn->md1 : &sn->md2;
     const md_rec *rec = flg & CF_MD1 ? &head->md1 : &head->md2;
     const ud_map *ud = head->ud1_map;
-    if (!rec->hash_fn)
+    shkv_hash_fn hash_fn = rec->hash_fn;
+    if (!hash_fn)
         return fail(ring_p, 0x75, (uint32_t)shkvh, EINVAL, "shkv_lookup, hashfunc is not inited, shkvh:%d\n",
                     shkvh);
-    if (!rec->base || !ud || !ud->map[0])
-        return ENOMEM;
-    uint32_t bkt = bucket_of(rec->hash_fn(key->ptr, key->len), get32(&desc->hashsz));
-    if (bkt >= rec->mapped_sz / sizeof(mdn))
+    uint32_t md_ver = get32(&rec->ver), md_sz, limit = 0; // the version, then what it says is mapped
+    const mdn *md_base = md_mapped(rec, &md_sz);
+    char *ud_base = ud ? ud_mapped(ud, &limit) : nullptr;
+    if (!md_base || !ud_base)
+        return get32(&desc->obj_ver) != md_ver || (ud && get32(&sn->ud1.obj_ver) != get32(&ud->ver)) ? LOOK_AGAIN
+                                                                                                     : ENOMEM;
+    uint32_t bkt = bucket_of(hash_fn(key->ptr, key->len), get32(&desc->hashsz));
+    if (bkt >= md_sz / sizeof(mdn))
         return LOOK_AGAIN; // a mapping that is out of step
     chain_walk walk;
-    walk_init(&walk, head, rec->base, rec->base + bkt, ud->map[0], key->ptr, key->len, ud->mapped_sz, ring_p);
+    walk_init(&walk, head, rec, md_base + bkt, ud_base, key->ptr, key->len, limit, ring_p);
     if (!walk_find(&walk)) {
-        bool moved = get32(&sn->comm_flg) != flg || get32(&desc->obj_ver) != rec->ver;
+        bool moved = get32(&sn->comm_flg) != flg || get32(&desc->obj_ver) != md_ver;
         return walk.err == ENOMEM || moved ? LOOK_AGAIN : ENOENT;
     }
     if (!holds_guarded(&walk))

@@ -1,9 +1,9 @@
 // Remapping: the slow side of the check on the way into every operation.
 //
-// A mapping of a whole object is given up before the new one is made, and null stands in its place
-// meanwhile, so that a thread beside this one finds no table rather than an unmapped one. The
-// version is stored last: who sees it sees the address and the size. A failure leaves the version
-// behind, and the next check tries again. A mapping in chunks is only ever added to.
+// A mapping of a whole object is exchanged for a new one (mapping.h), for other threads may stand on
+// it; when there is no room for both, null stands in its place. The version is stored last: who sees
+// it sees the address and the size. A failure leaves the version behind, and the next check tries
+// again. A mapping in chunks is only ever added to.
 #include "shkv_intf/obj_remap.h"
 
 #include <errno.h>
@@ -18,6 +18,7 @@
 #include "shkv_hash/hash_fn.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/head.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/proc.h"
 #include "shkv_intf/shm.h"
 #include "shkv_intf/sizing.h"
@@ -33,14 +34,13 @@ static int prot_for(const shkv_head *head, int prot)
     return may_write ? prot | PROT_WRITE : prot;
 }
 
-static void *map_whole(shkv_head *head, int fd, uint32_t obj_sz, int prot, uint32_t event, uint32_t *err_p)
+static int map_whole(shkv_head *head, void **base_pp, uint32_t *size_p, int fd, uint32_t obj_sz, int prot,
+                     uint32_t event, uint32_t *err_p)
 {
-    void *base_p = mmap(nullptr, obj_sz, prot_for(head, prot), MAP_SHARED, fd, 0);
-    if (base_p != MAP_FAILED)
-        return base_p;
-    fail_err(ring_of(head->sn), event, (uint32_t)errno, err_p, ENOMEM, "uuid:%d,failed to mmap obj shm:%d",
-             (int)head->sn->uuid, errno);
-    return nullptr;
+    if (mapping_replace(head, base_pp, size_p, fd, obj_sz, prot_for(head, prot)))
+        return 1;
+    return fail_err(ring_of(head->sn), event, (uint32_t)errno, err_p, ENOMEM,
+                    "uuid:%d,failed to mmap obj shm:%d", (int)head->sn->uuid, errno);
 }
 
 // Tables ----------------------------------------------------------------------------------------
@@ -69,18 +69,9 @@ static int remap_md(shkv_head *head, const md_desc *desc_p, md_rec *rec_p, int p
     uint32_t ver = get32(&desc_p->obj_ver); // before obj_sz: see obj_open.cc
     int bound = bind_by_desc(head, desc_p, rec_p); // before the version, which says that it fits
     if (ver != rec_p->ver) {
-        uint32_t obj_sz = get32(&desc_p->obj_sz);
-        mdn *old_p = rec_p->base;
-        uint32_t old_sz = rec_p->mapped_sz;
-        __atomic_store_n(&rec_p->base, nullptr, __ATOMIC_RELEASE);
-        put32(&rec_p->mapped_sz, 0);
-        if (old_p)
-            munmap(old_p, old_sz);
-        mdn *base_p = (mdn *)map_whole(head, rec_p->fd, obj_sz, prot, 0x3c, err_p);
-        if (!base_p)
+        if (!map_whole(head, (void **)&rec_p->base, &rec_p->mapped_sz, rec_p->fd, get32(&desc_p->obj_sz), prot,
+                       0x3c, err_p))
             return 0;
-        __atomic_store_n(&rec_p->base, base_p, __ATOMIC_RELEASE);
-        put32(&rec_p->mapped_sz, obj_sz);
         put32(&rec_p->ver, ver);
     }
     return bound;
@@ -140,22 +131,10 @@ static int remap_ud(shkv_head *head, const ud_desc *desc_p, ud_map *map_p, int p
     uint32_t obj_sz = get32(&desc_p->obj_sz);
     if (ver == map_p->ver)
         return 1;
-    if (is_shared_map(head)) {
-        if (!add_chunks(head, map_p, obj_sz, prot, err_p))
-            return 0;
-    } else {
-        void *old_p = map_p->map[0];
-        uint32_t old_sz = map_p->mapped_sz;
-        __atomic_store_n(&map_p->map[0], nullptr, __ATOMIC_RELEASE);
-        put32(&map_p->mapped_sz, 0);
-        if (old_p)
-            munmap(old_p, old_sz);
-        void *base_p = map_whole(head, map_p->fd, obj_sz, prot, 0x3e, err_p);
-        if (!base_p)
-            return 0;
-        __atomic_store_n(&map_p->map[0], base_p, __ATOMIC_RELEASE);
-        put32(&map_p->mapped_sz, obj_sz);
-    }
+    if (is_shared_map(head) ? !add_chunks(head, map_p, obj_sz, prot, err_p)
+                            : !map_whole(head, &map_p->map[0], &map_p->mapped_sz, map_p->fd, obj_sz, prot, 0x3e,
+                                         err_p))
+        return 0;
     put32(&map_p->ver, ver);
     return 1;
 }

@@ -21,6 +21,7 @@
 #include "diag/fail.h"
 #include "diag/log.h"
 #include "diag/trace.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/proc.h"
 #include "shkv_intf/refill.h"
 #include "shkv_intf/word.h"
@@ -79,14 +80,11 @@ void size_target(resize_op *op_p)
 }
 
 // A mapping is given back by the length that this process mapped: another process (a reshaper's
-// close, say) may have cut the object and its descriptor meanwhile.
+// close, say) may have cut the object and its descriptor meanwhile. A thread of this process may
+// still read by a snapshot of before the last flip.
 void unmap_target(resize_op *op_p)
 {
-    md_rec *to = op_p->to;
-    if (to->base && to->base != MAP_FAILED)
-        munmap(to->base, to->mapped_sz);
-    to->base = nullptr;
-    to->mapped_sz = 0;
+    mapping_give_up(op_p->head, (void **)&op_p->to->base, &op_p->to->mapped_sz);
 }
 
 // First touches of sparse pages, so under the guard. 1, or 0 when there is no memory behind them.
@@ -111,10 +109,9 @@ int make_target(resize_op *op_p)
         return fail(op_p->ring_p, 0xF3, err, err, "fd:%d, failed to ftruncate obj shm,errno:%d",
                     to->fd, err);
     }
-    to->base = (mdn *)mmap(nullptr, op_p->new_sz, PROT_READ | PROT_WRITE, MAP_SHARED, to->fd, 0);
-    if (to->base == MAP_FAILED)
+    if (!mapping_replace(op_p->head, (void **)&to->base, &to->mapped_sz, to->fd, op_p->new_sz,
+                         PROT_READ | PROT_WRITE))
         return fail(op_p->ring_p, 0xF3, errno, ENOMEM, "fd %d failed to mmap obj shm:%d", to->fd, errno);
-    to->mapped_sz = op_p->new_sz;
     if (clear_guarded(to->base, old_sz))
         return 0;
     unmap_target(op_p);

@@ -17,6 +17,7 @@
 #include "diag/log.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/head.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/proc.h"
 #include "shkv_intf/sizing.h"
 #include "shkv_intf/word.h"
@@ -99,33 +100,32 @@ void forget_view(const shkv_head *head)
         put32(&head_privs[handle - 1].view.md_ver_at, 0);
 }
 
-// Maps the object from byte 0. False when that fails; map[0] is null then.
-bool map_whole(ud_map *ud, uint32_t sz)
+// Maps the object from byte 0, in the place of what is mapped. False when that fails; map[0] is null
+// then.
+bool map_whole(const grow_op *op_p, uint32_t sz)
 {
-    void *base = mmap(nullptr, sz, PROT_READ | PROT_WRITE, MAP_SHARED, ud->fd, 0);
-    bool mapped = base != MAP_FAILED;
-    ud->map[0] = mapped ? base : nullptr;
-    ud->mapped_sz = mapped ? sz : 0;
+    ud_map *ud = op_p->ud;
+    bool mapped = mapping_replace(op_p->head, &ud->map[0], &ud->mapped_sz, ud->fd, sz, PROT_READ | PROT_WRITE);
+    forget_view(op_p->head);
     return mapped;
 }
 
-// A thread of this process that stands on the old mapping is cut off by the munmap. Accepted.
 int grow_whole(grow_op *op_p)
 {
     ud_map *ud = op_p->ud;
     op_p->step = whole_step(op_p);
     LOG("%s: resize from %d to %d", "shkv_resize_ud", (int)op_p->old_sz, (int)(op_p->old_sz + op_p->step));
-    forget_view(op_p->head);
-    if (ud->map[0])
-        munmap(ud->map[0], ud->mapped_sz);
-    ud->map[0] = nullptr;
-    ud->mapped_sz = 0;
-    // A failure leaves the space unmapped here: this process is done with the store. Intended.
     int result = lengthen(op_p);
-    if (result != 0 || map_whole(ud, op_p->old_sz + op_p->step))
+    if (result != 0) {
+        // The space stays unmapped here: this process is done with the store. Intended.
+        mapping_give_up(op_p->head, &ud->map[0], &ud->mapped_sz);
+        forget_view(op_p->head);
         return result;
+    }
+    if (map_whole(op_p, op_p->old_sz + op_p->step))
+        return 0;
     fail(op_p->ring_p, 0xF6, errno, ENOMEM, "fd %d failed to mmap obj shm:%d", ud->fd, errno);
-    if (!map_whole(ud, op_p->old_sz))
+    if (!map_whole(op_p, op_p->old_sz))
         fail(op_p->ring_p, 0xEE, errno, ENOMEM, "shkv_resize_ud, fail to return original space");
     return ENOMEM;
 }
@@ -161,7 +161,7 @@ int grow_chunk(grow_op *op_p)
     // The table may be shared with this process's read handles: the piece, then the count.
     ud->map[ud->map_cnt] = piece;
     ud->map_cnt++;
-    ud->mapped_sz = new_sz;
+    put32(&ud->mapped_sz, new_sz);
     return 0;
 }
 

@@ -15,18 +15,17 @@
 #include "diag/trace.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/chain.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/obj_remap.h"
 #include "shkv_intf/proc.h"
 #include "shkv_intf/resize_md.h"
 #include "shkv_intf/wprot.h"
 
-// By the length that was mapped: another process may have set the descriptor's obj_sz since. An
-// address that is the failure value of mmap is passed on, and refused by munmap.
-static void unmap_table(md_rec *rec)
+// By the length that was mapped: another process may have set the descriptor's obj_sz since. Another
+// thread may look a key up in it.
+static void unmap_table(shkv_head *head)
 {
-    if (rec->base)
-        munmap(rec->base, rec->mapped_sz);
-    rec->base = nullptr;
+    mapping_give_up(head, (void **)&head->md_txn.base, &head->md_txn.mapped_sz);
 }
 
 // First touches of sparse pages: 0 when there is no memory behind one of them.
@@ -47,7 +46,7 @@ static int claim_memory(shkv_head *head)
     md_rec *rec = &head->md_txn;
     if (touch_guarded((char *)rec->base, rec->mapped_sz))
         return 0;
-    unmap_table(rec);
+    unmap_table(head);
     if (ftruncate(rec->fd, 0) == -1)
         LOG("%s: fd:%d, failed to ftruncate obj shm,errno:%d", "shkv_txn_start", rec->fd, errno);
     put32(&head->sn->md_txn.obj_sz, 0);
@@ -59,7 +58,7 @@ int txn_table_make(shkv_head *head, uint32_t hashsz)
     md_rec *rec = &head->md_txn;
     md_desc *desc = &head->sn->md_txn;
     uint32_t sz = hashsz * (uint32_t)sizeof(mdn);
-    unmap_table(rec);
+    unmap_table(head);
     put32(&desc->hashsz, hashsz);
     put32(&desc->obj_sz, sz);
     // The cut to 0 is what clears the table.
@@ -68,10 +67,10 @@ int txn_table_make(shkv_head *head, uint32_t hashsz)
         return fail(nullptr, 0, 0, err, "%s: fd:%d, failed to ftruncate obj shm,errno:%d", "shkv_txn_start",
                     rec->fd, err);
     }
-    rec->base = (mdn *)mmap(nullptr, sz, PROT_READ | PROT_WRITE, MAP_SHARED, rec->fd, 0);
-    if (rec->base == MAP_FAILED)
+    if (!mapping_replace(head, (void **)&rec->base, &rec->mapped_sz, rec->fd, sz, PROT_READ | PROT_WRITE)) {
+        rec->base = (mdn *)MAP_FAILED; // with a size of 0: no table. Intended
         return fail(nullptr, 0, 0, ENOMEM, "fd %d failed to mmap obj shm:%d", rec->fd, errno);
-    rec->mapped_sz = sz;
+    }
     return claim_memory(head);
 }
 
@@ -142,7 +141,7 @@ int txn_op_begin(txn_op *op_p, int handle, const char *name, bool *done)
 void txn_table_drop(const txn_op *op_p)
 {
     md_rec *rec = &op_p->head->md_txn;
-    unmap_table(rec);
+    unmap_table(op_p->head);
     if (!rec->fd)
         return;
     if (ftruncate(rec->fd, 0) == -1)

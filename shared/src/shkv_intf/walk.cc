@@ -41,12 +41,12 @@ enum {
     WALK_FAILED, // err says why
 };
 
-void walk_init(chain_walk *walk_p, shkv_head *head, const mdn *md_base, const mdn *bucket, void *ud_base,
+void walk_init(chain_walk *walk_p, shkv_head *head, const md_rec *rec, const mdn *bucket, void *ud_base,
                const void *key, uint32_t key_len, uint32_t limit, void *ring_p)
 {
     *walk_p = {};
     walk_p->head = head;
-    walk_p->md_base = md_base;
+    walk_p->rec = rec;
     walk_p->bucket = bucket;
     walk_p->ud_base = (char *)ud_base;
     walk_p->key = key;
@@ -75,13 +75,14 @@ static udn *udn_at(const chain_walk *walk_p, uint32_t off)
     return (udn *)ud_addr(walk_p->head, walk_p->ud_base, off, walk_p->shared_map);
 }
 
-// MD_TXN borrows the link of the idle one of MD1 and MD2: comm_flg as it is now, not a snapshot.
+// By the table and not by its address, which another thread may exchange under the walk. MD_TXN
+// borrows the link of the idle one of MD1 and MD2: comm_flg as it is now, not a snapshot.
 static uint32_t next_off(const chain_walk *walk_p, udn *udn_p)
 {
     const shkv_head *head = walk_p->head;
-    if (walk_p->md_base == head->md_txn.base)
+    if (walk_p->rec == &head->md_txn)
         return get32(chain_link_p(udn_p, !(get32(&head->sn->comm_flg) & CF_MD1)));
-    return get32(chain_link_p(udn_p, walk_p->md_base == head->md1.base));
+    return get32(chain_link_p(udn_p, walk_p->rec == &head->md1));
 }
 
 // A chain has no more records than the space has nodes; more steps are a ring.
@@ -272,7 +273,9 @@ int bucket_find_udn(shkv_head *head, mdn *md_base, mdn *bucket, udn **udn_out, c
                     uint32_t *off_out, uint32_t *err_out)
 {
     chain_walk walk;
-    walk_init(&walk, head, md_base, bucket, ud_base, key, *key_len, limit, ring_p);
+    const md_rec *rec = md_base == head->md_txn.base ? &head->md_txn : md_base == head->md1.base ? &head->md1
+                                                                                                 : &head->md2;
+    walk_init(&walk, head, rec, bucket, ud_base, key, *key_len, limit, ring_p);
     walk.keep_err = !err_out;
     walk.err = err_out ? *err_out : 0;
     // A writer holds the store: what its one look does not meet is not there.

@@ -13,7 +13,7 @@ int bucket_find_udn(shkv_head *head, mdn *md_base, mdn *bucket, udn **udn_out, c
 // One search of one bucket: what it is given, and where its last walk stands.
 struct chain_walk {
     shkv_head *head;
-    const mdn *md_base; // the table; tells which link its chains run through
+    const md_rec *rec; // the table; tells which link its chains run through
     const mdn *bucket;
     char *ud_base;
     const void *key;
@@ -34,8 +34,8 @@ struct chain_walk {
     uint32_t seen;  // mix of the offsets that the last walk met, to tell two walks apart
 };
 
-// Fills in the given half. key_len bytes at key.
-void walk_init(chain_walk *walk_p, shkv_head *head, const mdn *md_base, const mdn *bucket, void *ud_base,
+// Fills in the given half. rec is one of the head's tables; key_len bytes at key.
+void walk_init(chain_walk *walk_p, shkv_head *head, const md_rec *rec, const mdn *bucket, void *ud_base,
                const void *key, uint32_t key_len, uint32_t limit, void *ring_p);
 
 // A reader's search. 1: found, 0: a miss, or a failure with ENOMEM in walk_p->err.
