@@ -295,6 +295,29 @@ TEST(add_delete, a_transaction_stages_deletes)
     EXPECT_EQ(faults_of("staged"), "");
 }
 
+// A debug writer may have ended our rebuild and left its transaction open. The tombstones take their
+// space by growth, which wants the lock that a delete holds in a rebuild.
+TEST(add_delete, a_delete_after_a_lost_rebuild_stages_without_the_lock)
+{
+    kv store = make_kv("lost_lock", {16, 32, 100, CONF_FIXEDMM, 0});
+    unsigned cnt = 0;
+    for (store.sn()->auto_rz = 0; store.add(key_no(cnt), "v") == 0;)
+        cnt++;
+    store.sn()->auto_rz = 1;
+    ASSERT_EQ(shkv_txn_start(store.handle, nullptr), 0);
+    uint32_t size = store.sn()->ud1.obj_sz;
+    alarm(20);
+    for (unsigned i = 0; i < cnt; i++) {
+        store.head()->refill_pos = 1;
+        store.head()->md2.ver = store.sn()->md2.obj_ver - 1;
+        ASSERT_EQ(store.del(key_no(i)), 0) << i;
+    }
+    EXPECT_GT(store.sn()->ud1.obj_sz, size);
+    ASSERT_EQ(shkv_txn_commit(store.handle, nullptr), 0);
+    EXPECT_TRUE(store.all().empty());
+    EXPECT_EQ(faults_of("lost_lock"), "");
+}
+
 // In the middle of a rebuild: its slices are of a microsecond, so 50 buckets at most.
 TEST(add_delete, a_rebuild_leaves_each_record_in_the_tables_it_belongs_to)
 {

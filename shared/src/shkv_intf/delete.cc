@@ -246,6 +246,8 @@ int delete_single(del_op *op_p)
 {
     op_p->locked = false;
     if (op_p->head->refill_pos != 0)
+        refill_drop_if_lost(op_p->head); // ahead of the lock: a tombstone's add takes it by itself
+    if (op_p->head->refill_pos != 0)
         return delete_multi(op_p);
     int result = delete_locked(op_p);
     if (write_goes_on_locked(op_p->sn, result))
