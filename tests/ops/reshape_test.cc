@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "reshape/interim.h"
+#include "shkv_intf/resize_md.h"
 #include "support/kv.h"
 
 namespace {
@@ -497,6 +498,13 @@ TEST(reshape, a_callers_hash_function_is_known_to_who_brings_it)
     shkv_rscf next = {0, 1, (uint64_t)&last_byte, (uint64_t)&first_byte};
     EXPECT_EQ(shkv_close(shkv_open_reshaping("user", UUID_RESHAPE2, 0, &next, SHKV_AM_RESHAPE, &err)), 0);
     EXPECT_EQ(knows.at("k1"), "#22") << "not looked for in the wrong bucket";
+    // A rebuild into the object of the function before: who brings the one in use may open it.
+    EXPECT_EQ(shkv_close(store.handle), 0);
+    store = {shkv_open("user", 0, (uint64_t)&first_byte, SHKV_AM_WRITE, &err)};
+    EXPECT_EQ(shkv_resize_md(store.head()), 0);
+    kv later = {shkv_open("user", 0, (uint64_t)&first_byte, SHKV_AM_READ, &err)};
+    EXPECT_EQ(later.at("k1"), "v1");
+    EXPECT_EQ(shkv_open("user", 0, (uint64_t)&last_byte, SHKV_AM_READ, &err), 0);
     next = {0, 1, (uint64_t)&first_byte, 2};
     EXPECT_EQ(shkv_close(shkv_open_reshaping("user", UUID_RESHAPE2, 0, &next, SHKV_AM_RESHAPE, &err)), 0);
     for (const kv *who : {&store, &knows})

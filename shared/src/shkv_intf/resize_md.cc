@@ -123,6 +123,11 @@ void describe_target(resize_op *op_p)
     md_desc *active = op_p->active, *target = op_p->target;
     put32(&target->obj_sz, op_p->new_sz);
     put16(&target->hashfn, get16(&active->hashfn));
+    // A mark of 0 fits every caller's function, and stays. The mark of another function, in an object
+    // that was the old table of a reshape, would bar the one in use.
+    uint32_t mark = get32(&active->user_hash);
+    if (mark != 0 && get32(&target->user_hash) != 0)
+        put32(&target->user_hash, mark);
     // One bucket less than the object holds; the last mdn is never used. Intended.
     put32(&target->hashsz, op_p->new_sz / 8 - 1);
     // Publish: object and descriptor are complete. Pairs with the compare in check_hdmd_remap,
