@@ -27,18 +27,18 @@ constexpr Event table_of_events[] = {
     {0x13, DAMAGE, "shkv_lookup", {HANDLE, "the handle"}, {}, "shkv_lookup,bad checksum, shkvh:%d"},
     {0x15, CALLER, "shkv_lookup, shkv_lookup_lite", {HANDLE, "the handle"}, {},
      "shkv_lookup, value buffer is invalid, shkvh:%d|shkv_lookup, key buffer size is 0, shkvh:%d"},
-    {0x16, SYSTEM, "shkv_lookup", {HANDLE, "the handle"}, {}, "shkv_lookup, check_hdmd_remap failed %d"},
+    {0x16, SYSTEM, "shkv_lookup", {RESULT, "the result"}, {}, "shkv_lookup, check_hdmd_remap failed %d"},
     {0x17, CALLER, "shkv_create", {UUID, "uuid of the service"}, {}, "uuid:%d, the key size is 0"},
     {0x18, LIMIT, "shkv_create", {COUNT, "planned entries"}, {},
      "The shkvdb is too big, maxksz=%d, maxvsz=%d, maxents=%d"},
     {0x19, CALLER, "shkv_create", {UUID, "uuid of the service"}, {}, "uuid:%d, the uri is NULL"},
     {0x1A, CALLER, "shkv_create", {UUID, "uuid of the service"}, {}, "uuid:%d, the uri is too long"},
-    {0x1B, SYSTEM, "shkv_create, shkv_get_mu_obj", {ERRNO, "errno; the uuid where a map table is meant, the size where a key is"}, {},
+    {0x1B, SYSTEM, "shkv_create, shkv_get_mu_obj", {ERRNO, "errno; the uuid where a map table or a key is meant"}, {},
      "fail to allocate loc_ud_map|uuid:%d, the key size is too large|"
      "uuid:%d,failed to create MU-obj shm,errno:%d|db shkv semaphore post failed,errno:%d|"
      "db shkv semaphore wait failed,errno:%d|uuid:%d,failed to ftruncate mu shm obj,errno:%d|"
      "uuid:%d,failed to mmap mu shm obj,errno:%d"},
-    {0x1C, CALLER, "shkv_create", {BYTES, "value size"}, {}, "uuid:%d, the value size is too large"},
+    {0x1C, CALLER, "shkv_create", {UUID, "uuid of the service"}, {}, "uuid:%d, the value size is too large"},
     {0x1D, SYSTEM, "shkv_create", {UUID, "uuid of the service"}, {ERRNO, "errno"},
      "uuid:%d, can not create DB_DIR,errno:%d"},
     {0x1E, SYSTEM, "shkv_create", {ERRNO, "errno"}, {}, "uuid:%d,db shkv semaphore wait failed,errno:%d"},
@@ -60,7 +60,7 @@ constexpr Event table_of_events[] = {
      "shkv_get_mu_obj fail UD1 %s %d %d %d %d"},
     {0x2E, SYSTEM, "shkv_create", {ERRNO, "error of the object"}, {COUNT, "planned entries"},
      "shkv_get_mu_obj fail UD2 %s %d %d %d %d"},
-    {0x2F, REFUSED, "shkv_create", {NUMBER, "errno, uuid, size or mode, as the message has it"}, {},
+    {0x2F, REFUSED, "shkv_create", {NUMBER, "errno or uuid, as the message has it"}, {},
      "uuid:%d, resgister database failed %d|db shkv semaphore post failed,errno:%d|"
      "db shkv semaphore wait failed,errno:%d|uuid:%d, L3 database is too big|"
      "%s uuid:%d, opened too many database|uuid:%d, opened database failed|"
@@ -129,7 +129,7 @@ constexpr Event table_of_events[] = {
      "intrm_put, out of memory|UDN1O2 wrong MM in __shkv_open %d"},
     {0x5C, LIMIT, "shkv_open, shkv_open_reshaping", {NUMBER, "handle; the uuid for a reshaper"}, {},
      "%s uuid:%d, shkv_set_heads fail %d"},
-    {0x5E, SYSTEM, "shkv_open", {ERRNO, "errno"}, {},
+    {0x5E, SYSTEM, "shkv_open", {NUMBER, "errno; the uuid of a rollback"}, {},
      "uuid:%d, shkv_check_memsz_per_uuid failed in shkv_open, err = %d|"
      "uuid:%d, rollback failed when shkv open"},
     {0x5F, SYSTEM, "shkv_open_reshaping", {ERRNO, "errno"}, {}, "shkv_open for reshaping sem fail,errno:%d"},
@@ -155,7 +155,7 @@ constexpr Event table_of_events[] = {
     {0x71, CALLER, "shkv_add", {BYTES, "value size"}, {BYTES, "the limit"},
      "shkv_add, value size is too big:%d"},
     {0x72, SYSTEM, "shkv_add", {ERRNO, "errno"}, {}, "shkv_add, write protect failed, errno:%d"},
-    {0x74, CALLER, "shkv_lookup, shkv_lookup_lite", {HANDLE, "the handle"}, {},
+    {0x74, CALLER, "shkv_lookup, shkv_lookup_lite", {NUMBER, "the handle; the result of a remap"}, {},
      "shkv_lookup, hashfunc is not inited, shkvh:%d|shkv_lookup, check_hdmd_remap failed %d"},
     {0x75, CALLER, "shkv_lookup, shkv_lookup_lite", {HANDLE, "the handle"}, {},
      "shkv_lookup,val buf too small, shkvh:%d|shkv_lookup, hashfunc is not inited, shkvh:%d"},
@@ -188,7 +188,7 @@ constexpr Event table_of_events[] = {
      "shkv_iter, the db has been destroyed, shkvh:%d"},
     {0x8F, REFUSED, "shkv_iterate", {HANDLE, "the handle"}, {},
      "shkv_iter, slow path forbid iterate, shkvh:%d"},
-    {0x90, SYSTEM, "shkv_iterate", {HANDLE, "the handle"}, {}, "shkv_iter, check_hdmd_remap fail %d"},
+    {0x90, SYSTEM, "shkv_iterate", {RESULT, "the result"}, {}, "shkv_iter, check_hdmd_remap fail %d"},
     {0x91, DAMAGE, "shkv_iterate", {HANDLE, "the handle"}, {}, "shkv_lookup,bad checksum, shkvh:%d"},
     {0x92, DAMAGE, "shkv_iterate", {HANDLE, "the handle"}, {}, "shkv_lookup,bad checksum, shkvh:%d"},
     {0xB4, NOTE, "shkv_m_add", {HANDLE, "the handle"}, {}, "shkv_m_add, the logDB: iodb existing, shkvh:%d"},
