@@ -160,7 +160,8 @@ std::string complaint(const scenario &scene, const prepared &state, int end, con
         return "a failed create leaves a name";
     // The add of run_faulty may have gone through: the next process may find it, too.
     prepared with_add = state;
-    for (const contents &each : state.allowed)
+    with_add.allowed.insert(with_add.allowed.end(), state.refused.begin(), state.refused.end());
+    for (const contents &each : std::vector<contents>(with_add.allowed))
         for (int round = state.base_round; round < state.base_round + 10; ++round) {
             model next{each, {}, false};
             next.apply({ADD, 20, 20}, round);

@@ -353,11 +353,18 @@ bool prepare(const scenario &scene, prepared *out_p)
     out_p->base_round = round_no;
     out_p->before = oracle.now;
     out_p->allowed = {oracle.now};
+    std::vector<model> steps = {oracle};
     for (const op &what : scene.act) {
         ++round_no;
+        for (model each : steps)
+            if (what.kind == COMMIT) {
+                each.apply(what, round_no);
+                out_p->refused.push_back(each.now);
+            }
         for (int i = what.first; i <= what.last; ++i) {
             bool single = what.kind == ADD || what.kind == DEL;
             oracle.apply(single ? op{what.kind, i, i, what.val_sz} : what, round_no);
+            steps.push_back(oracle);
             out_p->allowed.push_back(oracle.now);
             if (!single)
                 break;

@@ -86,6 +86,7 @@ struct prepared {
     snapshot at_rest;
     contents before, after;
     std::vector<contents> allowed; // before, after each single step, after
+    std::vector<contents> refused; // what a commit leaves when steps ahead of it were refused
     int base_round = 0;
 };
 bool prepare(const scenario &scene, prepared *out_p);
