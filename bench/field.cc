@@ -184,8 +184,11 @@ workset workset_of(uint32_t n, uint32_t extra)
     std::vector<uint32_t> fresh(extra), old(extra);
     for (uint32_t i = 0; i < extra; i++) {
         fresh[i] = n + i;
-        old[i] = n / extra * i; // in the order of the keys' numbers; the keys themselves have none
+        old[i] = n / extra * i;
     }
+    rng r = {n + 2};
+    for (uint32_t i = extra; i > 1; i--) // in no order, like the lookups
+        std::swap(old[i - 1], old[r.below(i)]);
     w.fresh = keys_of(fresh);
     w.old = keys_of(old);
     return w;

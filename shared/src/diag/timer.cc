@@ -41,3 +41,8 @@ uint64_t timer_diff_cycle_in_usec(uint64_t now, uint64_t then)
 {
     return cpu_hz ? (now - then) * 1000 / cpu_hz : ~0ull;
 }
+
+bool timer_reached_msec(uint64_t now, uint64_t then, uint32_t msec)
+{
+    return now - then >= (uint64_t)msec * cpu_hz;
+}

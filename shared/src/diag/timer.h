@@ -7,3 +7,6 @@ static inline uint64_t cycles()
 {
     return __rdtsc();
 }
+
+// timer_diff_cycle_in_msec(now, then) >= msec, without a division.
+bool timer_reached_msec(uint64_t now, uint64_t then, uint32_t msec);

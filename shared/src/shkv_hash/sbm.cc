@@ -15,33 +15,20 @@
 #include "shkv_intf/proc.h"
 #include "shkv_intf/word.h"
 
-#define MARK_PUTS 9u   // putnd calls after which a mark is taken
-#define MARK_WAIT_MS 49u
+#define MARK_WAIT_MS 50u
 #define CHK_FIRST 12u
-#define CHK_STEP 5u
-#define GET_MARKED 30u // marked nodes from which getnd looks at the clock
-#define GET_STEP 24u
-
-// The reserve beyond ud_full is room for nodes that wait, not capacity.
-int check_sbm_full(const sbm *sbm_p)
-{
-    if (sbm_p->dn_tail <= sbm_p->ud_full)
-        return 0;
-    uint32_t over = (uint32_t)(sbm_p->dn_tail - sbm_p->ud_full) / sbm_p->dn_sz;
-    return sbm_p->mark_cnt + sbm_p->hold_cnt + sbm_p->free_cnt - 1 < over;
-}
 
 // Stamps keep the low 32 bits. When these have wrapped the difference is enormous and the wait
 // counts as over. Intended.
-static bool wait_is_over(const sbm *sbm_p)
+bool sbm_wait_is_over(const sbm *sbm_p)
 {
-    return timer_diff_cycle_in_msec((uint32_t)cycles(), sbm_p->mark_tsc) > MARK_WAIT_MS;
+    return timer_reached_msec((uint32_t)cycles(), sbm_p->mark_tsc, MARK_WAIT_MS);
 }
 
 // Starts the wait of all that is held. hold_mark goes in behind the stamp and the counts, since it
 // makes them count; hold_cnt is cleared before it, so that no node is counted twice. put_cnt stays
 // above its limit until the end: cut short before hold_mark, the next putnd takes the mark again.
-static void take_mark(sbm *sbm_p)
+void sbm_take_mark(sbm *sbm_p)
 {
     sbm_p->mark_tsc = (uint32_t)cycles();
     put16(&sbm_p->chk_cnt, CHK_FIRST);
@@ -110,47 +97,7 @@ void sbm_release_hold(sbm *sbm_p, shkv_head *head, uint32_t shared_map)
     put32(&sbm_p->hold_mark, 0);
     sbm_p->mark_tsc = 0;
     if (sbm_p->put_cnt > MARK_PUTS)
-        take_mark(sbm_p);
-}
-
-// Link first, tail second: a chain that was linked and is not the tail yet is overwritten by the
-// next one, and lost. The other way round the list would end before its tail.
-void sbm_hold(sbm *sbm_p, shkv_head *head, uint32_t first_off, uint32_t last_off, uint32_t cnt, bool shared_map)
-{
-    put32(sbm_link_p(sbm_p, head, sbm_p->hold_tail, shared_map), first_off);
-    put32(&sbm_p->hold_tail, last_off);
-    put32(&sbm_p->hold_cnt, sbm_p->hold_cnt + cnt);
-    put32(&sbm_p->put_cnt, sbm_p->put_cnt + 1);
-}
-
-void sbm_after_put(sbm *sbm_p, shkv_head *head, uint32_t shared_map)
-{
-    if (sbm_p->put_cnt > MARK_PUTS && sbm_p->hold_mark == 0) {
-        take_mark(sbm_p);
-        return;
-    }
-    if (sbm_p->put_cnt < sbm_p->chk_cnt)
-        return;
-    if (wait_is_over(sbm_p))
-        sbm_release_hold(sbm_p, head, shared_map);
-    else
-        sbm_p->chk_cnt += CHK_STEP;
-}
-
-void sbm_after_get(sbm *sbm_p, shkv_head *head, uint32_t shared_map)
-{
-    if (sbm_p->mark_cnt < GET_MARKED)
-        return;
-    sbm_p->get_cnt++;
-    if (sbm_p->get_cnt % GET_STEP == 0 && wait_is_over(sbm_p)) {
-        sbm_release_hold(sbm_p, head, shared_map);
-        sbm_p->get_cnt = 0;
-    }
-}
-
-void sbm_advance(sbm *sbm_p, uint32_t by_sz)
-{
-    put32((uint32_t *)&sbm_p->dn_tail, (uint32_t)sbm_p->dn_tail + by_sz);
+        sbm_take_mark(sbm_p);
 }
 
 // Comes back here when a page has no memory behind it. No local changes after the guard is armed.

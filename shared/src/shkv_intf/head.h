@@ -17,7 +17,8 @@ struct quick_view {
     uint32_t ud_ver;    // obj_ver of the record space
     uint32_t md_ver_at; // where these two lie in the supernode. 0: no view, for magichead is never 0
     uint32_t ud_ver_at;
-    uint16_t link_at;   // where in a record the table's link lies
+    uint8_t link_at;    // where in a record the table's link lies
+    uint8_t writes;     // quick writes are served: the one writer of a fixed store
     uint16_t vector;    // the form of the store's records
     uint32_t hashsz;
     uint32_t limit;     // bytes of the record space that are mapped

@@ -373,7 +373,7 @@ int shkv_lookup(int handle, const shkv_buf *key, shkv_buf *value)
         if (LIKELY(view_p && quick_args_ok(key, value))) {
             const char *key_p = (const char *)key->ptr;
             uint32_t key_len = key->len;
-            const mdn *bucket = quick_bucket(view_p, key_p, key_len);
+            const mdn *bucket = quick_bucket(view_p, key_p, key_len, QUICK_UNASKED);
             int ret = QUICK_NO;
             if (LIKELY(!view_p->vector))
                 ret = quick_look(head, view_p, state, bucket, key_p, key_len, value);

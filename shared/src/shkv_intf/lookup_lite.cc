@@ -107,7 +107,7 @@ int shkv_lookup_lite(int handle, const shkv_buf *key, shkv_buf *value)
         if (LIKELY(view_p && (view_p->flg & CF_UD1) && !view_p->vector && value && quick_key_ok(key))) {
             const char *key_p = (const char *)key->ptr;
             uint32_t key_len = key->len;
-            const mdn *bucket = quick_bucket(view_p, key_p, key_len);
+            const mdn *bucket = quick_bucket(view_p, key_p, key_len, QUICK_UNASKED);
             int ret = quick_look_lite(head, view_p, state, bucket, key_p, key_len, value);
             if (LIKELY(ret == 0))
                 return 0;

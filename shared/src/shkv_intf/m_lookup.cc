@@ -36,8 +36,8 @@ QUICK_INLINE void fetch_group(const group_op *op_p, const quick_view *view_p, co
     uint32_t firsts[M_LOOKUP_MAX];
     for (uint32_t i = 0; i < op_p->cnt; i++) {
         const shkv_buf *key = &op_p->keys[i];
-        buckets[i] = quick_args_ok(key, &op_p->vals[i]) ? quick_bucket(view_p, (const char *)key->ptr, key->len)
-                                                        : nullptr;
+        const char *key_p = quick_args_ok(key, &op_p->vals[i]) ? (const char *)key->ptr : nullptr;
+        buckets[i] = key_p ? quick_bucket(view_p, key_p, key->len, QUICK_UNASKED) : nullptr;
         __builtin_prefetch(buckets[i]);
     }
     for (uint32_t i = 0; i < op_p->cnt; i++) {

@@ -5,6 +5,9 @@
 #include "shkv_intf/addr.h"
 #include "shkv_intf/guard.h"
 
+#define UNIT_LINK_SZ 4u // unit_next, ahead of the payload of a further unit
+#define UNIT_ROOM (VEC_UNIT_SZ - UNIT_LINK_SZ)
+
 #define QUICK_MIN_SZ 4096u // a mapping that holds any key's offset arithmetic without wrapping
 
 // The states in which one table and one record space say it all, of those bits that tell.
@@ -48,6 +51,7 @@ static bool fill_view(shkv_head *head, quick_view *view_p)
     view_p->ud_ver_at = offset_in(sn, &ud_desc_p->obj_ver);
     view_p->link_at = flg & CF_MD1 ? offsetof(udn, md1_next) : offsetof(udn, md2_next);
     view_p->vector = is_vector(sn);
+    view_p->writes = is_fixed(sn) && (head->access_mode & SHKV_AM_WRITE) && !(sn->conf_flg & CONF_MULTIWR);
     view_p->hashsz = get32(&db.desc->hashsz);
     view_p->limit = db.ud->mapped_sz;
     view_p->md_base = db.rec->base;
@@ -117,64 +121,55 @@ faulted:
 
 // ---- Vectors ------------------------------------------------------------------------------------
 
-// The unit that a link names, or null outside.
-QUICK_INLINE const char *next_unit(const quick_view *view_p, const char *unit_p, uint32_t off_max)
-{
-    uint32_t off = get32((const uint32_t *)(const void *)unit_p);
-    return LIKELY(off != 0 && off <= off_max) ? view_p->ud_base + off : nullptr;
-}
-
-// Asks for what the copy will want of a unit, and, where units stand one behind the other, as those
-// of a fresh space do, for the unit behind it, whose link is not known yet.
-QUICK_INLINE void fetch_unit(const char *unit_p, const char *prev_p, bool more)
-{
-    __builtin_prefetch(unit_p + 64);
-    if (more && unit_p == prev_p + VEC_UNIT_SZ) {
-        __builtin_prefetch(unit_p + VEC_UNIT_SZ);
-        __builtin_prefetch(unit_p + VEC_UNIT_SZ + 64);
-    }
-}
-
-// The first and last byte in use of each unit. -1 when a link leads outside.
-static int vector_cksum(const quick_view *view_p, const quick_hit *hit_p, uint32_t unit_cnt, uint32_t stream_sz)
+// Copies the value, size bytes from at within the first unit, and gives the record's checksum: the
+// first and last byte in use of each unit. -1 when a link leads outside. One pass: a unit is asked for
+// as soon as its link is known, and with it the one behind it in memory, since units are mostly taken
+// from a row and go back as they came.
+static int vector_take(const quick_view *view_p, const quick_hit *hit_p, uint32_t unit_cnt, uint32_t at,
+                       uint32_t size, char *dst_p)
 {
     const char *unit_p = (const char *)hit_p->udn_p;
-    uint32_t last_at = (stream_sz + VEC_HEAD_SZ + 4 * (unit_cnt - 1) - 1) % VEC_UNIT_SZ;
     uint8_t acc = (uint8_t)unit_p[VEC_HEAD_SZ];
-    for (uint32_t left = unit_cnt - 1; left; left--) {
-        const char *next_p = next_unit(view_p, unit_p, hit_p->off_max);
-        if (!next_p)
-            return -1;
-        fetch_unit(next_p, unit_p, left > 1);
-        acc ^= (uint8_t)unit_p[VEC_UNIT_SZ - 1] ^ (uint8_t)next_p[4];
-        unit_p = next_p;
+    uint32_t part = VEC_UNIT_SZ - at;
+    if (unit_cnt > 2) { // what is known of the rest: where it ends
+        const char *last_p = view_p->ud_base + ((const vec_udn *)(const void *)unit_p)->last_unit;
+        __builtin_prefetch(last_p);
+        __builtin_prefetch(last_p + 64);
+        __builtin_prefetch(last_p - VEC_UNIT_SZ);
+        __builtin_prefetch(last_p - VEC_UNIT_SZ + 64);
     }
-    return acc ^ (uint8_t)unit_p[last_at];
+    for (; unit_cnt > 1; unit_cnt--) {
+        uint32_t off = get32((const uint32_t *)(const void *)unit_p);
+        if (UNLIKELY(off == 0 || off > hit_p->off_max))
+            return -1;
+        const char *next_p = view_p->ud_base + off;
+        __builtin_prefetch(next_p);
+        __builtin_prefetch(next_p + 64);
+        if (next_p == unit_p + VEC_UNIT_SZ) {
+            __builtin_prefetch(next_p + VEC_UNIT_SZ);
+            __builtin_prefetch(next_p + VEC_UNIT_SZ + 64);
+        }
+        if (LIKELY(part == UNIT_ROOM))
+            memcpy(dst_p, unit_p + UNIT_LINK_SZ, UNIT_ROOM);
+        else
+            memcpy(dst_p, unit_p + at, part);
+        acc ^= (uint8_t)unit_p[VEC_UNIT_SZ - 1] ^ (uint8_t)next_p[UNIT_LINK_SZ];
+        dst_p += part;
+        size -= part;
+        unit_p = next_p;
+        at = UNIT_LINK_SZ;
+        part = UNIT_ROOM;
+    }
+    if (size)
+        memcpy(dst_p, unit_p + at, size);
+    return acc ^ (uint8_t)unit_p[at + size - 1];
 }
 
-// The value, size bytes of it, from at within the first unit. False when a link leads outside.
-static bool vector_copy(const quick_view *view_p, const quick_hit *hit_p, uint32_t at, uint32_t size,
-                        char *dst_p)
+// Whether so many units are what a stream of that size takes, its last one included.
+static bool units_fit(uint32_t unit_cnt, uint32_t stream_sz)
 {
-    const uint32_t room = VEC_UNIT_SZ - 4;
-    const char *unit_p = (const char *)hit_p->udn_p;
-    if (size <= VEC_UNIT_SZ - at) {
-        memcpy(dst_p, unit_p + at, size);
-        return true;
-    }
-    memcpy(dst_p, unit_p + at, VEC_UNIT_SZ - at);
-    dst_p += VEC_UNIT_SZ - at;
-    size -= VEC_UNIT_SZ - at;
-    for (;; size -= room, dst_p += room) {
-        unit_p = next_unit(view_p, unit_p, hit_p->off_max);
-        if (!unit_p)
-            return false;
-        if (size <= room)
-            break;
-        memcpy(dst_p, unit_p + 4, room);
-    }
-    memcpy(dst_p, unit_p + 4, size);
-    return true;
+    uint32_t room = unit_cnt * UNIT_ROOM + VEC_UNIT_SZ - VEC_HEAD_SZ;
+    return unit_cnt != 0 && stream_sz + UNIT_ROOM <= room && (unit_cnt == 1 || stream_sz + 2 * UNIT_ROOM > room);
 }
 
 int quick_look_vector(const shkv_head *head, const quick_view *view_p, quick_state state, const mdn *bucket,
@@ -185,12 +180,11 @@ int quick_look_vector(const shkv_head *head, const quick_view *view_p, quick_sta
         return hit.off ? QUICK_NO : QUICK_MISS;
     uint32_t marks = udn_marks(hit.udn_p), unit_cnt = marks & 0xffff, val_sz = hit.sizes >> 16;
     uint32_t val_at = VEC_HEAD_SZ + key_len;
-    if (UNLIKELY((marks & MARKS_DELETED) || unit_cnt == 0 || val_sz > value->len))
+    if (UNLIKELY((marks & MARKS_DELETED) || val_sz > value->len || !units_fit(unit_cnt, key_len + val_sz)))
         return QUICK_NO;
-    if (UNLIKELY(vector_cksum(view_p, &hit, unit_cnt, key_len + val_sz) != MARKS_CKSUM(marks)))
+    if (val_sz != 0 && get32(&((const vec_udn *)(const void *)hit.udn_p)->val_off) != hit.off + val_at)
         return QUICK_NO;
-    if (val_sz != 0 && (get32(&((const vec_udn *)(const void *)hit.udn_p)->val_off) != hit.off + val_at ||
-                        !vector_copy(view_p, &hit, val_at, val_sz, (char *)value->ptr)))
+    if (UNLIKELY(vector_take(view_p, &hit, unit_cnt, val_at, val_sz, (char *)value->ptr) != MARKS_CKSUM(marks)))
         return QUICK_NO;
     if (UNLIKELY(!quick_holds(head, view_p, state, bucket, &hit, marks)))
         return QUICK_NO;

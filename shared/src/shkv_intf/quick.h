@@ -18,6 +18,7 @@
 #define QUICK_VEC_KEY 99u // bytes of a vector's key, so that the value begins in the first unit
 #define QUICK_NO (-1)     // for the full lookup
 #define QUICK_MISS (-2)   // one walk has met a chain's end
+#define QUICK_UNASKED (1ull << 32)
 #define QUICK_INLINE static inline __attribute__((always_inline))
 #define LIKELY(cond) __builtin_expect(!!(cond), 1)
 #define UNLIKELY(cond) __builtin_expect(!!(cond), 0)
@@ -83,10 +84,32 @@ QUICK_INLINE uint32_t quick_hash(const char *key_p, uint32_t key_len)
     return key_len == 8 ? dekhash_inline(key_p, 8) : dekhash(key_p, key_len);
 }
 
-QUICK_INLINE const mdn *quick_bucket(const quick_view *view_p, const char *key_p, uint32_t key_len)
+// Asks for the bucket by the view as it lies there, in force or not: no harm comes of a wrong one.
+// Done first of all, so that what the rest of the way in takes passes while the line comes.
+// The key's hash by the default function, or QUICK_UNASKED.
+QUICK_INLINE uint64_t quick_ask(int handle, const shkv_buf *key)
+{
+    uint32_t slot = (uint32_t)handle - 1;
+    if (UNLIKELY(slot >= HEADS || !quick_key_ok(key)))
+        return QUICK_UNASKED;
+    const quick_view *view_p = &head_privs[slot].view;
+    if (UNLIKELY(view_p->hash_fn))
+        return QUICK_UNASKED;
+    uint32_t hash = quick_hash((const char *)key->ptr, key->len);
+    __builtin_prefetch(view_p->md_base + bucket_by_recip(hash, view_p->recip, view_p->hashsz));
+    return hash;
+}
+
+// asked: what quick_ask gave; the view may have been made for another function since.
+QUICK_INLINE const mdn *quick_bucket(const quick_view *view_p, const char *key_p, uint32_t key_len,
+                                     uint64_t asked)
 {
     shkv_hash_fn hash_fn = view_p->hash_fn;
-    uint32_t hash = LIKELY(!hash_fn) ? quick_hash(key_p, key_len) : hash_fn(key_p, key_len);
+    uint32_t hash = (uint32_t)asked;
+    if (UNLIKELY(hash_fn))
+        hash = hash_fn(key_p, key_len);
+    else if (UNLIKELY(asked == QUICK_UNASKED))
+        hash = quick_hash(key_p, key_len);
     return view_p->md_base + bucket_by_recip(hash, view_p->recip, view_p->hashsz);
 }
 
@@ -138,6 +161,11 @@ QUICK_INLINE quick_hit quick_find(const quick_view *view_p, const mdn *bucket, c
     hit.off = get32(&bucket->first_ptr);
     for (; hit.off != 0 && hit.off <= hit.off_max && hit.depth < QUICK_DEPTH; hit.depth++) {
         const udn *udn_p = (const udn *)(const void *)(view_p->ud_base + hit.off);
+        if (vector) { // the rest of the first unit, and most likely the second
+            __builtin_prefetch((const char *)udn_p + 64);
+            __builtin_prefetch((const char *)udn_p + VEC_UNIT_SZ);
+            __builtin_prefetch((const char *)udn_p + VEC_UNIT_SZ + 64);
+        }
         hit.sizes = udn_sizes(udn_p);
         if ((hit.sizes & 0xffff) == key_len && quick_equal((const char *)udn_p + key_at, key_p, key_len)) {
             hit.udn_p = udn_p;
