@@ -184,12 +184,33 @@ static void apply_first(txn_op *op_p, mdn *bucket, uint32_t off)
         LOG("%s: go to the next node", op_p->name);
 }
 
-// Staged records lie in the order of their adds, buckets in that of their hashes: each record would be
-// a miss of its own.
-static void prefetch_first(const txn_op *op_p, uint32_t bucket)
+// Staged records lie in the order of their adds, buckets in that of their hashes, and what they
+// replace anywhere: each would be a miss of its own. So all three are asked for ahead, one after the
+// other: the staged record, the bucket of its key in the table in force, the first record there.
+#define AHEAD 8u
+struct fetch {
+    const mdn *buckets[AHEAD]; // of the staged buckets AHEAD to 2 * AHEAD from here on
+};
+
+static uint32_t staged_off(const txn_op *op_p, uint32_t bucket)
 {
-    uint32_t off = bucket < op_p->staged_cnt ? get32(&op_p->staged[bucket].first_ptr) : 0;
-    if (off)
+    return bucket < op_p->staged_cnt ? get32(&op_p->staged[bucket].first_ptr) : 0;
+}
+
+static void fetch_ahead(const txn_op *op_p, fetch *fetch_p, uint32_t bucket)
+{
+    const mdn **slot_p = &fetch_p->buckets[bucket % AHEAD];
+    uint32_t off;
+    if (*slot_p && (off = get32(&(*slot_p)->first_ptr)) != 0)
+        __builtin_prefetch(udn_at(op_p, off), 1);
+    *slot_p = nullptr;
+    if (is_fixed(op_p->sn) && (off = staged_off(op_p, bucket + 2 * AHEAD)) != 0) {
+        uint32_t hash = record_hash(op_p->db.rec->hash_fn, op_p->ud_base, udn_at(op_p, off), op_p->head,
+                                    op_p->shared_map);
+        *slot_p = &op_p->db.rec->base[bucket_of(hash, get32(&op_p->db.desc->hashsz))];
+        __builtin_prefetch(*slot_p, 1);
+    }
+    if ((off = staged_off(op_p, bucket + 3 * AHEAD)) != 0)
         __builtin_prefetch(udn_at(op_p, off), 1);
 }
 
@@ -209,8 +230,9 @@ int shkv_txn_commit(int handle, void *)
         // From this store on the transaction will be applied: a write open that finds it goes on here.
         change32(&op.sn->comm_flg, 0, CF_TXN_COMMIT);
     }
+    fetch ahead = {};
     for (uint32_t i = 0; i < op.staged_cnt; i++) {
-        prefetch_first(&op, i + 8);
+        fetch_ahead(&op, &ahead, i);
         uint32_t off;
         while ((off = get32(&op.staged[i].first_ptr)) != 0)
             apply_first(&op, &op.staged[i], off);
