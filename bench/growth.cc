@@ -3,8 +3,8 @@
 //   bench_growth adds     times of single adds through all growths from 1,000 records on, and what
 //                         the longest of them are made of
 //   bench_growth txn      a commit of staged changes against the same adds without a transaction
-//   bench_growth reshape  records moved a second; the writer's and a reader's throughput and worst
-//                         latency before, during and after
+//   bench_growth reshape  records moved a second; the writer's and two readers' throughput and worst
+//                         latency before, during and after several reshapes, there and back
 //
 // Linked with the static library, so that its calls to the kernel and its large memsets go through
 // the counters here.
@@ -66,9 +66,11 @@ static double us(uint64_t t)
     return static_cast<double>(t) * ns_per_tick() / 1000;
 }
 
-static int create_store(const char *name, uint32_t entries)
+static int create_store(const char *name, uint32_t entries, uint32_t conf_flg = CONF_FIXEDMM)
 {
-    const shkv_params params = {kKey, 32, entries, CONF_FIXEDMM, 0};
+    const bool fixed = conf_flg == CONF_FIXEDMM;
+    const shkv_params params = {static_cast<uint16_t>(fixed ? kKey : 0), static_cast<uint16_t>(fixed ? 32 : 0),
+                                entries, conf_flg, 0};
     uint32_t err = 0;
     const int handle = shkv_create(name, UUID_BIG_A, &params, 0, &err);
     if (!handle)
@@ -93,12 +95,52 @@ struct slow_add {
     long faults;
 };
 
-// Adds 0 to best.size() - 1 and keeps each one's best time. Growth comes at the same adds in every
-// run, so a pause of the machine that one run meets falls out with the next. The watched adds are
-// taken apart: what they spent in the calls counted above, and their page faults.
-static void add_all(std::vector<uint32_t> &best, std::map<uint32_t, slow_add> &watched)
+// What the adder and the readers of all passes share. A reader opens its pass's store before the
+// first growth and looks up committed keys until the pass ends.
+struct growth_watch {
+    uint32_t pass, ended, cnt; // records that are there
+    uint64_t lookups, missing, wrong;
+};
+
+static uint32_t load(const uint32_t *word)
 {
-    const int handle = create_store("growth", 1000);
+    return __atomic_load_n(word, __ATOMIC_ACQUIRE);
+}
+static void set(uint32_t *word, uint32_t val)
+{
+    __atomic_store_n(word, val, __ATOMIC_RELEASE);
+}
+
+static bool read_pass(growth_watch *w, uint32_t pass)
+{
+    while (load(&w->pass) < pass)
+        usleep(1000);
+    uint32_t err = 0;
+    const int handle = shkv_open("growth", UUID_BIG_A, 0, SHKV_AM_READ, &err);
+    rng r = {pass};
+    uint64_t lookups = 0, missing = 0, wrong = 0;
+    for (; handle && load(&w->ended) < pass; lookups++) {
+        const uint32_t number = r.below(load(&w->cnt));
+        char key[kKey], val[64];
+        make_key(number, key);
+        const shkv_buf k = {key, kKey};
+        shkv_buf v = {val, sizeof val};
+        const int result = shkv_lookup(handle, &k, &v);
+        missing += result == 2;
+        wrong += result != 2 && (result != 0 || v.len != 32 || !value_sealed(val, v.len, number));
+    }
+    w->lookups += lookups, w->missing += missing, w->wrong += wrong;
+    shkv_close(handle);
+    return handle != 0;
+}
+
+// Adds 0 to best.size() - 1 and keeps each one's best time. Growth comes at the same adds in every
+// pass, so a pause of the machine that one pass meets falls out with the next. The watched adds are
+// taken apart: what they spent in the calls counted above, and their page faults.
+static void add_all(uint32_t conf_flg, std::vector<uint32_t> &best, std::map<uint32_t, slow_add> &watched,
+                    growth_watch *w)
+{
+    const int handle = create_store("growth", 1000, conf_flg);
     auto next = watched.begin();
     for (uint32_t i = 0; i < best.size(); i++) {
         char key[kKey], val[32];
@@ -128,40 +170,59 @@ static void add_all(std::vector<uint32_t> &best, std::map<uint32_t, slow_add> &w
                 next->second = a;
             ++next;
         }
+        if (i % 64 == 63)
+            set(&w->cnt, i + 1);
+        if (i == 511) { // the reader is there before the first growth
+            set(&w->pass, w->pass + 1);
+            usleep(50000);
+        }
     }
+    set(&w->ended, w->pass);
+    usleep(20000);
     shkv_destroy(handle);
 }
 
-static json run_adds(uint32_t cnt, int rounds)
+static json run_adds(const char *name, uint32_t conf_flg, uint32_t cnt, int rounds)
 {
+    growth_watch *w = shared_memory<growth_watch>();
+    std::vector<pid_t> readers; // from a process that has used no store yet
+    for (uint32_t pass = 1; pass <= 2u * static_cast<uint32_t>(rounds); pass++)
+        readers.push_back(child([&] { return read_pass(w, pass); }));
     std::vector<uint32_t> best(cnt, UINT32_MAX), order(cnt);
     std::map<uint32_t, slow_add> watched;
     for (int r = 0; r < rounds; r++)
-        add_all(best, watched);
+        add_all(conf_flg, best, watched, w);
     for (uint32_t i = 0; i < cnt; i++)
         order[i] = i;
-    const size_t shown = std::min(cnt, 16u);
+    const size_t shown = std::min(cnt, 12u);
     const std::vector<uint32_t> times = best;
     std::partial_sort(order.begin(), order.begin() + shown, order.end(),
                       [&](uint32_t a, uint32_t b) { return times[a] > times[b]; });
     for (size_t i = 0; i < shown; i++)
         watched[order[i]] = {};
     for (int r = 0; r < rounds; r++)
-        add_all(best, watched);
+        add_all(conf_flg, best, watched, w);
+    bool good = true;
+    for (const pid_t pid : readers)
+        good &= child_good(pid);
     std::vector<uint32_t> sorted = times;
     std::sort(sorted.begin(), sorted.end());
 
-    json out = {{"adds", cnt}, {"from", 1000}, {"rounds", rounds}};
-    printf("%u adds into a store created for 1,000, each one's best of %d rounds\n", cnt, rounds);
-    for (const auto &[name, share] :
-         {std::pair("p50", .5), {"p99", .99}, {"p99.9", .999}, {"p99.99", .9999}, {"max", 1.}}) {
+    json out = {{"store", name},      {"adds", cnt},           {"from", 1000},          {"rounds", rounds},
+                {"readers_ok", good}, {"lookups", w->lookups}, {"missing", w->missing}, {"wrong", w->wrong}};
+    printf("%s: %u adds into a store created for 1,000, each one's best of %d; beside them %lu lookups by "
+           "readers that were there before: %lu missing, %lu wrong%s\n",
+           name, cnt, rounds, static_cast<unsigned long>(w->lookups), static_cast<unsigned long>(w->missing),
+           static_cast<unsigned long>(w->wrong), good ? "" : ", a reader died");
+    for (const auto &[label, share] :
+         {std::pair("p50", .5), {"p90", .9}, {"p99", .99}, {"p99.9", .999}, {"p99.99", .9999}, {"max", 1.}}) {
         const double at = us(sorted[std::min<size_t>(cnt - 1, static_cast<size_t>(share * cnt))]);
-        out[std::string(name) + "_us"] = at;
-        printf("  %-8s %10.2f us\n", name, at);
+        out[std::string(label) + "_us"] = at;
+        printf("  %-8s %10.2f us\n", label, at);
     }
-    printf("\nthe slowest adds, us\n%10s %9s", "record", "total");
-    for (const char *name : part_names)
-        printf(" %9s", name);
+    printf("the slowest adds, us\n%10s %9s", "record", "total");
+    for (const char *part : part_names)
+        printf(" %9s", part);
     printf(" %9s %7s\n", "the rest", "faults");
     for (size_t i = 0; i < shown; i++) {
         const slow_add &a = watched[order[i]];
@@ -177,6 +238,23 @@ static json run_adds(uint32_t cnt, int rounds)
         row["rest_us"] = rest;
         out["slowest"].push_back(row);
     }
+    return out;
+}
+
+// A case in a process of its own, which gives its results back as text.
+template <class Fn> static json in_process(Fn fn)
+{
+    struct text {
+        char bytes[1 << 16];
+    };
+    text *t = shared_memory<text>();
+    if (!in_child([&] {
+            snprintf(t->bytes, sizeof t->bytes, "%s", fn().dump().c_str());
+            return true;
+        }))
+        die("a case failed");
+    json out = json::parse(t->bytes, nullptr, false);
+    munmap(t, sizeof *t);
     return out;
 }
 
@@ -232,18 +310,22 @@ enum phase { BEFORE, DURING, AFTER, PHASES, ENDED };
 static const char *const phase_names[] = {"before", "during", "after"};
 
 struct watch {
-    uint32_t phase; // the parent moves it on
     struct {
         uint64_t ops, bad, ticks;
         hist lat;
     } at[PHASES];
 };
+struct reshape_watch {
+    uint32_t phase; // the parent moves it on
+    uint32_t ready;
+    watch procs[3]; // the writer and two readers
+};
 
 // Operations until the parent says that it ended; each counts for the phase in which it began.
-template <class Op> static void watch_ops(watch &w, Op op)
+template <class Op> static void watch_ops(const uint32_t *phase, watch &w, uint64_t seed, Op op)
 {
-    rng r = {7};
-    for (uint32_t ph; (ph = __atomic_load_n(&w.phase, __ATOMIC_ACQUIRE)) != ENDED;) {
+    rng r = {seed};
+    for (uint32_t ph; (ph = load(phase)) != ENDED;) {
         const uint64_t begin = __rdtsc();
         const bool good = op(r);
         const uint64_t took = __rdtsc() - begin;
@@ -253,82 +335,107 @@ template <class Op> static void watch_ops(watch &w, Op op)
     }
 }
 
-// One other process beside the reshaper: a reader, or the writer that had the store open before.
-static json reshape_beside(uint32_t n, bool writer)
+// Three in four of the writes replace a record that is always there; the fourth adds one that is not,
+// or deletes it again.
+static bool write_one(int handle, rng &r, uint32_t n, uint32_t turn)
 {
-    static int serial;
-    const std::string name = "reshape" + std::to_string(serial++);
-    watch *w = shared_memory<watch>();
-    uint32_t *ready = shared_memory<uint32_t>(), *stop = shared_memory<uint32_t>();
-    const pid_t owner = child([&] {
-        const int handle = create_store(name.c_str(), n + n / 10);
+    if (turn % 4 != 3)
+        return add_record(handle, r.below(n), turn) == 0;
+    const uint32_t number = n + turn / 8 % 1000;
+    if (turn % 8 == 3)
+        return add_record(handle, number, turn) == 0;
+    char key[kKey];
+    make_key(number, key);
+    const shkv_buf k = {key, kKey};
+    return shkv_delete(handle, &k) == 0;
+}
+
+static bool read_one(int handle, rng &r, uint32_t n)
+{
+    char key[kKey], val[64];
+    const uint32_t number = r.below(n);
+    make_key(number, key);
+    const shkv_buf k = {key, kKey};
+    shkv_buf v = {val, sizeof val};
+    return shkv_lookup(handle, &k, &v) == 0 && v.len == 32 && value_sealed(val, v.len, number);
+}
+
+// A writer and two readers, which have had the store open before, and reshapes beside them: each
+// second one brings the objects back to where they were.
+static json run_reshapes(uint32_t n, int times)
+{
+    const char *const name = "reshape";
+    reshape_watch *w = shared_memory<reshape_watch>();
+    std::vector<pid_t> pids;
+    pids.push_back(child([&] {
+        const int handle = create_store(name, n + n / 10);
         for (uint32_t i = 0; i < n; i++)
             add_record(handle, i, 0);
-        __atomic_store_n(ready, 1u, __ATOMIC_RELEASE);
-        if (writer)
-            watch_ops(*w, [&](rng &r) { return add_record(handle, r.below(n), 1) == 0; });
-        while (!__atomic_load_n(stop, __ATOMIC_ACQUIRE))
-            usleep(1000);
+        set(&w->ready, 1);
+        uint32_t turn = 0;
+        watch_ops(&w->phase, w->procs[0], 7, [&](rng &r) { return write_one(handle, r, n, turn++); });
         return true;
-    });
-    while (!__atomic_load_n(ready, __ATOMIC_ACQUIRE))
+    }));
+    while (!load(&w->ready))
         usleep(1000);
-    const pid_t reader = writer ? 0 : child([&] {
-        uint32_t err;
-        const int handle = shkv_open(name.c_str(), UUID_BIG_A, 0, SHKV_AM_READ, &err);
-        watch_ops(*w, [&](rng &r) {
-            char key[kKey], val[64];
-            const uint32_t number = r.below(n);
-            make_key(number, key);
-            const shkv_buf k = {key, kKey};
-            shkv_buf v = {val, sizeof val};
-            return shkv_lookup(handle, &k, &v) == 0 && v.len == 32 && value_sealed(val, v.len, number);
-        });
-        return handle != 0;
-    });
-    const auto move_on = [&](phase to) {
-        __atomic_store_n(&w->phase, static_cast<uint32_t>(to), __ATOMIC_RELEASE);
-    };
-    double secs[PHASES], at = wall_s();
+    for (int i = 1; i < 3; i++)
+        pids.push_back(child([&] {
+            uint32_t err;
+            const int handle = shkv_open(name, UUID_BIG_A, 0, SHKV_AM_READ, &err);
+            watch_ops(&w->phase, w->procs[i], static_cast<uint64_t>(i),
+                      [&](rng &r) { return read_one(handle, r, n); });
+            return handle != 0;
+        }));
+    double secs[PHASES] = {};
+    json out = {{"records", n}, {"reshapes", times}}, moved;
+    bool good = true;
     usleep(1000000);
-    secs[BEFORE] = wall_s() - at, at = wall_s();
-    move_on(DURING);
-    const int result = shkv_reshape_db(name.c_str(), 0);
-    secs[DURING] = wall_s() - at, at = wall_s();
-    move_on(AFTER);
-    usleep(1000000);
-    secs[AFTER] = wall_s() - at;
-    move_on(ENDED);
-    __atomic_store_n(stop, 1u, __ATOMIC_RELEASE);
-    bool good = child_good(owner);
-    if (reader)
-        good &= child_good(reader);
-
-    // The close of a reshape sleeps for one second; it is no part of the moving.
-    const double moved = n / std::max(1e-9, secs[DURING] - 1);
-    json out = {{"result", result}, {"children_ended_well", good}, {"records", n}, {"records_a_second", moved}};
-    printf("%s beside a reshape of %u records: result %d, %.0f records moved a second\n",
-           writer ? "the writer" : "a reader", n, result, moved);
-    printf("%10s %14s %10s %10s %10s %12s %8s\n", "", "ops/s", "p50 ns", "p99 ns", "p99.9 ns", "worst us",
+    secs[BEFORE] = 1;
+    for (int i = 0; i < times; i++) {
+        set(&w->phase, DURING);
+        double at = wall_s();
+        const int result = shkv_reshape_db(name, 0);
+        const double took = wall_s() - at;
+        set(&w->phase, AFTER);
+        good &= result == 0;
+        secs[DURING] += took;
+        moved.push_back(n / std::max(1e-9, took - 1)); // its close sleeps for one second
+        usleep(1000000 / static_cast<unsigned>(times));
+        secs[AFTER] += 1. / times;
+    }
+    set(&w->phase, ENDED);
+    for (const pid_t pid : pids)
+        good &= child_good(pid);
+    out["all_good"] = good;
+    out["records_a_second"] = moved;
+    std::vector<double> rates = moved;
+    printf(
+        "%d reshapes of %u records beside a writer and two readers%s: %.0f records moved a second (median)\n",
+        times, n, good ? "" : ", WITH FAILURES", median(rates));
+    printf("%-10s %8s %12s %8s %8s %8s %12s %7s\n", "", "", "ops/s", "p50 ns", "p99 ns", "p99.9", "worst us",
            "failed");
-    for (int p = 0; p < PHASES; p++) {
-        const auto &s = w->at[p];
-        printf("%10s %14.0f %10.0f %10.0f %10.0f %12.1f %8lu\n", phase_names[p],
-               static_cast<double>(s.ops) / secs[p], s.lat.percentile_ns(.5), s.lat.percentile_ns(.99),
-               s.lat.percentile_ns(.999), us(s.lat.max), static_cast<unsigned long>(s.bad));
-        out[phase_names[p]] = {{"ops_a_second", static_cast<double>(s.ops) / secs[p]},
-                               {"p50_ns", s.lat.percentile_ns(.5)},
-                               {"p99_ns", s.lat.percentile_ns(.99)},
-                               {"worst_us", us(s.lat.max)},
-                               {"failed", s.bad}};
+    for (int i = 0; i < 3; i++) {
+        const char *who = i == 0 ? "writer" : i == 1 ? "reader" : "reader_2";
+        for (int p = 0; p < PHASES; p++) {
+            const auto &s = w->procs[i].at[p];
+            printf("%-10s %8s %12.0f %8.0f %8.0f %8.0f %12.1f %7lu\n", who, phase_names[p],
+                   static_cast<double>(s.ops) / secs[p], s.lat.percentile_ns(.5), s.lat.percentile_ns(.99),
+                   s.lat.percentile_ns(.999), us(s.lat.max), static_cast<unsigned long>(s.bad));
+            out[who][phase_names[p]] = {{"ops_a_second", static_cast<double>(s.ops) / secs[p]},
+                                        {"p50_ns", s.lat.percentile_ns(.5)},
+                                        {"p99_ns", s.lat.percentile_ns(.99)},
+                                        {"p99.9_ns", s.lat.percentile_ns(.999)},
+                                        {"worst_us", us(s.lat.max)},
+                                        {"failed", s.bad}};
+        }
     }
     return out;
 }
 
 int main(int argc, char **argv)
 {
-    uint32_t adds = 4000000, changes = 100000, records = 200000;
-    int rounds = 5;
+    uint32_t adds = 4000000, changes = 100000, records = 1000000;
+    int rounds = 5, reshapes = 6;
     std::string what, file;
     CLI::App app("What growth, a transaction and a reshape cost a store in use");
     app.add_option("what", what, "adds, txn or reshape; all without")
@@ -336,6 +443,7 @@ int main(int argc, char **argv)
     app.add_option("--adds", adds, "records to grow to");
     app.add_option("--changes", changes, "changes of a transaction");
     app.add_option("--records", records, "records of the store to reshape");
+    app.add_option("--reshapes", reshapes, "reshapes in a row");
     app.add_option("--rounds", rounds, "rounds");
     app.add_option("--out", file, "where the results go, as JSON");
     CLI11_PARSE(app, argc, argv);
@@ -343,15 +451,18 @@ int main(int argc, char **argv)
     setenv("SYSMGR_MMAP_LIMIT", "2147483648", 0);
     ns_per_tick();
     json out;
-    // The reshapes first: their processes must come from one that has used no store yet.
-    if (what.empty() || what == "reshape") {
-        out["reshape_reader"] = reshape_beside(records, false);
-        out["reshape_writer"] = reshape_beside(records, true);
-    }
+    // Each case in processes that have used no store yet.
+    if (what.empty() || what == "reshape")
+        out["reshape"] = run_reshapes(records, reshapes);
     if (what.empty() || what == "txn")
-        out["txn"] = run_txn(changes, rounds);
-    if (what.empty() || what == "adds")
-        out["growth"] = run_adds(adds, std::max(1, rounds * 3 / 5));
+        out["txn"] = in_process([&] { return run_txn(changes, rounds); });
+    if (what.empty() || what == "adds") {
+        const int passes = std::max(1, rounds / 2);
+        const std::pair<const char *, uint32_t> stores[] = {
+            {"fixed", CONF_FIXEDMM}, {"vector", CONF_VECTORMM}, {"vector_chunked", CONF_VECTORMM | CONF_SHMAP}};
+        for (const auto &[name, conf_flg] : stores)
+            out["growth"].push_back(in_process([&] { return run_adds(name, conf_flg, adds, passes); }));
+    }
     if (!file.empty())
         std::ofstream(file) << out.dump(1) << "\n";
     return 0;
