@@ -125,6 +125,7 @@ TEST(lookup, refusals_have_their_value_line_and_event)
         if (one.before == NO_HASH) { // a caller's function that this handle was not opened with
             fixed.head()->md1.hash_fn = nullptr;
             fixed.sn()->md1.hashfn = SHKV_USER_HASHFN;
+            fixed.sn()->md1.obj_ver++;
         }
         log_catcher log;
         EXPECT_EQ(one.call(one.on.handle, one.key, one.val), one.value) << one.line;

@@ -1,7 +1,9 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "support/kv.h"
 
@@ -95,6 +97,61 @@ TEST(growth, readers_find_every_committed_key_while_the_store_grows)
             EXPECT_EQ(end_of(reader), 0);
         EXPECT_EQ(store.all().size(), kind.to);
         EXPECT_EQ(faults_of(kind.name), "");
+        munmap(shared, sizeof *shared);
+    }
+}
+
+// Looks for the first 50 keys until the writer is done. 0, or 1 with a line when one is not as it was.
+static int read_on(const kv &store, const volatile uint32_t *done_p, bool lite)
+{
+    char room[64];
+    for (uint32_t at = 0; !*done_p; at = (at + 1) % 50) {
+        std::string key = key_no(at);
+        shkv_buf key_buf = buf_of(key), found = {room, sizeof room};
+        int result = lite ? shkv_lookup_lite(store.handle, &key_buf, &found)
+                          : shkv_lookup(store.handle, &key_buf, &found);
+        if (result != 0 || std::string((const char *)found.ptr, found.len) != key) {
+            fprintf(stderr, "lookup of %s gives %d\n", key.c_str(), result);
+            return 1;
+        }
+    }
+    return 0;
+}
+
+// Mappings are exchanged under threads that share a handle, the writer's own and a reader's in another
+// process: none of them is killed, and none misses a key.
+TEST(growth, threads_that_share_a_handle_stand_through_it)
+{
+    shkv_max_db_sz = shkv_memory_limit_process = 0x40000000u;
+    for (uint32_t conf : {CONF_FIXEDMM, CONF_VECTORMM}) {
+        kv store = make_kv("threads", {16, 16, 100, conf, 0});
+        board *shared = make_board();
+        for (uint32_t at = 0; at < 50; at++)
+            ASSERT_EQ(store.add(key_no(at), key_no(at)), 0);
+        auto read_in_threads = [&](const kv &handle) {
+            int failed = 0;
+            std::vector<std::thread> threads;
+            for (int i = 0; i < 3; i++)
+                threads.emplace_back([&, i] {
+                    __atomic_fetch_or(&failed, read_on(handle, &shared->done, i == 0 && conf == CONF_FIXEDMM),
+                                      __ATOMIC_RELAXED);
+                });
+            shared->started = 1;
+            for (std::thread &thread : threads)
+                thread.join();
+            return failed;
+        };
+        pid_t reader = start_child([&] { return read_in_threads(open_kv("threads", SHKV_AM_READ)); });
+        while (shared->started == 0)
+            usleep(100);
+        std::thread own([&] { EXPECT_EQ(read_in_threads(store), 0); });
+        for (uint32_t at = 50; at < 40000; at++)
+            ASSERT_EQ(store.add(key_no(at), key_no(at)), 0) << at;
+        shared->done = 1;
+        own.join();
+        EXPECT_EQ(end_of(reader), 0);
+        EXPECT_EQ(faults_of("threads"), "");
+        EXPECT_EQ(shkv_destroy(store.handle), 0);
         munmap(shared, sizeof *shared);
     }
 }

@@ -21,10 +21,16 @@ static int find_free_slot()
     return -1;
 }
 
-// access_mode goes in last: a slot without it is no open store.
-// One empty bucket, the table of a handle that has no view of its own yet.
 static const mdn no_bucket = {};
+static constexpr quick_view one_empty_bucket()
+{
+    quick_view view = {};
+    view.md_base = &no_bucket;
+    return view;
+}
+constinit const quick_view no_view = one_empty_bucket();
 
+// access_mode goes in last: a slot without it is no open store.
 static void fill_slot(int slot, const shkv_head *local_p)
 {
     shkv_head *head = &shkv_db_heads[slot];
@@ -35,7 +41,6 @@ static void fill_slot(int slot, const shkv_head *local_p)
     fresh.access_mode = 0;
     fresh.open_tid = my_tid();
     head_privs[slot] = {};
-    head_privs[slot].view.md_base = &no_bucket; // no view; also for a store whose magic word was overwritten
     *head = fresh;
     put32(&head->access_mode, local_p->access_mode);
 }

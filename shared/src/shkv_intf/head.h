@@ -10,7 +10,8 @@ int shkv_set_heads(const shkv_head *local_p);
 void shkv_clear_head(int handle);
 
 // What one handle knows of the tables in force, so that a lookup need not ask again: good while
-// comm_flg and the two versions are what they were (quick.h). One line of the cache.
+// comm_flg and the two versions are what they were (quick.h). Never changed once it was in force,
+// for other threads may go by it. One line of the cache.
 struct quick_view {
     uint32_t flg;       // the snapshot it was made from
     uint32_t md_ver;    // obj_ver of the table
@@ -28,11 +29,14 @@ struct quick_view {
     shkv_hash_fn hash_fn; // null for dekhash, the default
 };
 
+extern const quick_view no_view; // of a handle that has none: fits no store, and has one empty bucket
+
 // Private state of a handle that is not part of the exported head. A slot's state is reset by
 // shkv_set_heads.
 struct alignas(64) head_priv {
-    quick_view view;
-    uint32_t view_busy;     // a thread makes the view
+    const quick_view *view_p = &no_view; // in force, or the last that was
+    uint32_t view_busy;       // a thread makes a view
+    uint32_t view_cnt;        // views made
     uint32_t wprot;           // non-zero: this process's own UD mapping is read-only now
     uint32_t intrm_put_cnt;   // writes of a reshape since this writer last saw its list empty
     uint32_t resh_end;        // RESH_*: how far a reshaper's handle has come with its end (mover.h)

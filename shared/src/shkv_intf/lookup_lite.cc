@@ -102,13 +102,12 @@ int shkv_lookup_lite(int handle, const shkv_buf *key, shkv_buf *value)
         key = key_arg;
         value = value_arg;
         shkv_head *head = nullptr;
-        quick_state state = {};
-        const quick_view *view_p = quick_view_of(handle_arg, &head, &state);
+        const quick_view *view_p = quick_view_of(handle_arg, &head);
         if (LIKELY(view_p && (view_p->flg & CF_UD1) && !view_p->vector && value && quick_key_ok(key))) {
             const char *key_p = (const char *)key->ptr;
             uint32_t key_len = key->len;
             const mdn *bucket = quick_bucket(view_p, key_p, key_len, QUICK_UNASKED);
-            int ret = quick_look_lite(head, view_p, state, bucket, key_p, key_len, value);
+            int ret = quick_look_lite(head, view_p, bucket, key_p, key_len, value);
             if (LIKELY(ret == 0))
                 return 0;
             if (ret == QUICK_MISS && quick_miss(head, view_p, bucket, key_p, key_len) == ENOENT)

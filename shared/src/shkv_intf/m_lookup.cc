@@ -60,8 +60,7 @@ static __attribute__((noinline)) void look_at_group(const group_op *op_p)
     GUARD_ARM(faulted);
     {
         shkv_head *head = nullptr;
-        quick_state state = {};
-        const quick_view *view_p = quick_view_of(op_p->handle, &head, &state);
+        const quick_view *view_p = quick_view_of(op_p->handle, &head);
         if (!view_p || view_p->vector)
             return;
         fetch_group(op_p, view_p, buckets);
@@ -70,7 +69,7 @@ static __attribute__((noinline)) void look_at_group(const group_op *op_p)
             if (!buckets[i])
                 continue;
             op_p->results[i] =
-                quick_look(head, view_p, state, buckets[i], (const char *)key->ptr, key->len, &op_p->vals[i]);
+                quick_look(head, view_p, buckets[i], (const char *)key->ptr, key->len, &op_p->vals[i]);
             GUARD_HELD(); // a result stands before a later key can fault
         }
     }

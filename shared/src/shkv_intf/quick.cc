@@ -2,8 +2,10 @@
 #include "shkv_intf/quick.h"
 
 #include <errno.h>
+#include "diag/timer.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/guard.h"
+#include "shkv_intf/mapping.h"
 
 #define UNIT_LINK_SZ 4u // unit_next, ahead of the payload of a further unit
 #define UNIT_ROOM (VEC_UNIT_SZ - UNIT_LINK_SZ)
@@ -53,33 +55,60 @@ static bool fill_view(shkv_head *head, quick_view *view_p)
     view_p->vector = is_vector(sn);
     view_p->writes = is_fixed(sn) && (head->access_mode & SHKV_AM_WRITE) && !(sn->conf_flg & CONF_MULTIWR);
     view_p->hashsz = get32(&db.desc->hashsz);
-    view_p->limit = db.ud->mapped_sz;
-    view_p->md_base = db.rec->base;
-    view_p->ud_base = (char *)db.ud->map[0];
+    uint32_t md_sz;
+    view_p->md_base = md_mapped(db.rec, &md_sz);
+    view_p->ud_base = ud_mapped(db.ud, &view_p->limit);
     view_p->hash_fn = db.rec->hash_fn == dekhash ? nullptr : db.rec->hash_fn;
     if (!view_p->md_base || !view_p->ud_base || view_p->limit < QUICK_MIN_SZ || view_p->hashsz == 0 ||
-        view_p->hashsz > db.rec->mapped_sz / sizeof(mdn))
+        view_p->hashsz > md_sz / sizeof(mdn))
         return false;
     view_p->recip = UINT64_MAX / view_p->hashsz + 1; // 0 for a single bucket, which gives bucket 0
     return view_p->md_ver == get32(&db.desc->obj_ver) && view_p->ud_ver == get32(&ud_desc_p->obj_ver) &&
            get32(&sn->comm_flg) == flg;
 }
 
-// One thread at a time; another one does without. There is no view while its fields are stored.
-// Without the quick guard there is none at all.
+// The views of a handle take turns in these places, so that one that was in force stays as it is for
+// as long as a thread may go by it. When they come round too soon there is none for a while.
+#define VIEWS 16u
+static quick_view views[HEADS][VIEWS];
+static uint64_t put_in_force_tsc[HEADS][VIEWS];
+
+// The place that comes next, or null while the view there was in force a short time ago: that it is
+// not since the next one is.
+static quick_view *free_place(uint32_t slot, uint32_t view_cnt)
+{
+    uint64_t since = put_in_force_tsc[slot][(view_cnt + 1) % VIEWS];
+    if (view_cnt >= VIEWS && timer_diff_cycle_in_msec(cycles(), since) < STAND_MS)
+        return nullptr;
+    return &views[slot][view_cnt % VIEWS];
+}
+
+// A growth that fails exchanges a mapping, but no version: it takes the view away behind that, and
+// whoever has put one in force over it, or is about to, finds another mapping here.
+static bool publish_view(shkv_head *head, head_priv *priv_p, const quick_view *view_p)
+{
+    __atomic_store_n(&priv_p->view_p, view_p, __ATOMIC_SEQ_CST);
+    active_db db = {}, none = {};
+    get_active_db(&db, &none, head, view_p->flg);
+    uint32_t size;
+    if (md_mapped(db.rec, &size) == view_p->md_base && ud_mapped(db.ud, &size) == view_p->ud_base)
+        return true;
+    __atomic_store_n(&priv_p->view_p, &no_view, __ATOMIC_SEQ_CST);
+    return false;
+}
+
+// One thread at a time; another one does without. Without the quick guard there is none at all.
 bool quick_make_view(shkv_head *head, head_priv *priv_p)
 {
-    quick_view view = {};
     if (!guard_quick || __atomic_exchange_n(&priv_p->view_busy, 1, __ATOMIC_ACQUIRE))
         return false;
-    put32(&priv_p->view.md_ver_at, 0);
-    __atomic_thread_fence(__ATOMIC_RELEASE); // a look that meets a new field meets the 0 or the new word
-    bool made = fill_view(head, &view);
+    uint32_t slot = (uint32_t)(priv_p - head_privs), cnt = priv_p->view_cnt;
+    quick_view *view_p = free_place(slot, cnt);
+    bool made = view_p && fill_view(head, view_p);
     if (made) {
-        uint32_t md_ver_at = view.md_ver_at;
-        view.md_ver_at = 0;
-        priv_p->view = view;
-        put32(&priv_p->view.md_ver_at, md_ver_at);
+        priv_p->view_cnt++;
+        put_in_force_tsc[slot][cnt % VIEWS] = cycles();
+        made = publish_view(head, priv_p, view_p);
     }
     put32(&priv_p->view_busy, 0);
     return made;
@@ -87,33 +116,30 @@ bool quick_make_view(shkv_head *head, head_priv *priv_p)
 
 // ---- Misses -------------------------------------------------------------------------------------
 
-// Whether the store is in the state that the view was made from, and the view still that one: a
-// thread beside this one may have made it anew while its fields were read.
-static bool still_in_state(const supernode *sn, const quick_view *view_p, const quick_view *then_p)
+// Whether the store is in the state that the view was made from.
+static bool still_in_state(const supernode *sn, const quick_view *view_p)
 {
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
     const char *base = (const char *)sn;
-    return view_p->flg == then_p->flg && view_p->md_ver == then_p->md_ver && view_p->ud_ver == then_p->ud_ver &&
-           get32(&view_p->md_ver_at) == then_p->md_ver_at && get32(&sn->comm_flg) == then_p->flg &&
-           get32((const uint32_t *)(const void *)(base + then_p->md_ver_at)) == then_p->md_ver &&
-           get32((const uint32_t *)(const void *)(base + then_p->ud_ver_at)) == then_p->ud_ver;
+    return get32(&sn->comm_flg) == view_p->flg &&
+           get32((const uint32_t *)(const void *)(base + view_p->md_ver_at)) == view_p->md_ver &&
+           get32((const uint32_t *)(const void *)(base + view_p->ud_ver_at)) == view_p->ud_ver;
 }
 
 int quick_miss(const shkv_head *head, const quick_view *view_p, const mdn *bucket, const char *key_p,
                uint32_t key_len)
 {
-    quick_view then = *view_p;
     uint32_t steps = 0, seen = 0;
     for (uint32_t walks = 1;; walks++) {
         GUARD_ARM(faulted);
-        quick_hit hit = then.vector ? quick_find(&then, bucket, key_p, key_len, true)
-                                    : quick_find(&then, bucket, key_p, key_len, false);
+        quick_hit hit = view_p->vector ? quick_find(view_p, bucket, key_p, key_len, true)
+                                       : quick_find(view_p, bucket, key_p, key_len, false);
         steps += hit.depth + 1;
         if (hit.off != 0 || (walks > 1 && hit.seen != seen))
             return QUICK_NO;
         seen = hit.seen;
         if (walk_enough(walks, steps))
-            return still_in_state(head->sn, view_p, &then) ? ENOENT : QUICK_NO;
+            return still_in_state(head->sn, view_p) ? ENOENT : QUICK_NO;
     }
 faulted:
     return QUICK_NO;
@@ -172,8 +198,8 @@ static bool units_fit(uint32_t unit_cnt, uint32_t stream_sz)
     return unit_cnt != 0 && stream_sz + UNIT_ROOM <= room && (unit_cnt == 1 || stream_sz + 2 * UNIT_ROOM > room);
 }
 
-int quick_look_vector(const shkv_head *head, const quick_view *view_p, quick_state state, const mdn *bucket,
-                      const char *key_p, uint32_t key_len, shkv_buf *value)
+int quick_look_vector(const shkv_head *head, const quick_view *view_p, const mdn *bucket, const char *key_p,
+                      uint32_t key_len, shkv_buf *value)
 {
     quick_hit hit = quick_find(view_p, bucket, key_p, key_len, true);
     if (UNLIKELY(!hit.udn_p))
@@ -186,7 +212,7 @@ int quick_look_vector(const shkv_head *head, const quick_view *view_p, quick_sta
         return QUICK_NO;
     if (UNLIKELY(vector_take(view_p, &hit, unit_cnt, val_at, val_sz, (char *)value->ptr) != MARKS_CKSUM(marks)))
         return QUICK_NO;
-    if (UNLIKELY(!quick_holds(head, view_p, state, bucket, &hit, marks)))
+    if (UNLIKELY(!quick_holds(head, view_p, bucket, &hit, marks)))
         return QUICK_NO;
     value->len = val_sz;
     return 0;

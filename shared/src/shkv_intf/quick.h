@@ -26,35 +26,25 @@
 // Makes the view of a handle anew, when the store is in a state that the quick look serves.
 bool quick_make_view(shkv_head *head, head_priv *priv_p) __attribute__((noinline));
 
-// What a look began under. A thread beside this one may make the view anew meanwhile, for another
-// state: then one of the two has changed, or only what a grown record space leaves as it was.
-struct quick_state {
-    uint32_t flg;    // comm_flg
-    uint32_t md_ver; // obj_ver of the table
-};
-
-// The view in force of a handle, or null. The handle's check is that of check_shkv_hdl.
-QUICK_INLINE const quick_view *quick_view_of(int handle, shkv_head **head_out, quick_state *state_p)
+// The view in force of a handle, or null. The handle's check is that of check_shkv_hdl. A thread beside
+// this one may put another one in force meanwhile; this one stays as it is for as long as it takes.
+QUICK_INLINE const quick_view *quick_view_of(int handle, shkv_head **head_out)
 {
     uint32_t slot = (uint32_t)handle - 1;
     if (UNLIKELY(slot >= HEADS))
         return nullptr;
     shkv_head *head = *head_out = &shkv_db_heads[slot];
-    quick_view *view_p = &head_privs[slot].view;
+    head_priv *priv_p = &head_privs[slot];
     const char *sn = (const char *)head->sn;
     if (UNLIKELY(!sn || !head->access_mode))
         return nullptr;
-    asm("" : "+r"(view_p)); // keep the address; it is dearer to work out again
     for (bool made = false;; made = true) {
-        state_p->flg = get32(&view_p->flg);
-        state_p->md_ver = get32(&view_p->md_ver);
-        // After these two: it is 0 from before their stores until behind them.
-        uint32_t md_ver_at = get32(&view_p->md_ver_at);
-        if (LIKELY(get32(&head->sn->comm_flg) == state_p->flg &&
-                   get32((const uint32_t *)(const void *)(sn + md_ver_at)) == state_p->md_ver &&
+        const quick_view *view_p = __atomic_load_n(&priv_p->view_p, __ATOMIC_ACQUIRE);
+        if (LIKELY(get32(&head->sn->comm_flg) == view_p->flg &&
+                   get32((const uint32_t *)(const void *)(sn + view_p->md_ver_at)) == view_p->md_ver &&
                    get32((const uint32_t *)(const void *)(sn + view_p->ud_ver_at)) == view_p->ud_ver))
             return view_p;
-        if (made || !quick_make_view(head, &head_privs[slot]))
+        if (made || !quick_make_view(head, priv_p))
             return nullptr;
     }
 }
@@ -92,7 +82,7 @@ QUICK_INLINE uint64_t quick_ask(int handle, const shkv_buf *key)
     uint32_t slot = (uint32_t)handle - 1;
     if (UNLIKELY(slot >= HEADS || !quick_key_ok(key)))
         return QUICK_UNASKED;
-    const quick_view *view_p = &head_privs[slot].view;
+    const quick_view *view_p = __atomic_load_n(&head_privs[slot].view_p, __ATOMIC_ACQUIRE);
     if (UNLIKELY(view_p->hash_fn))
         return QUICK_UNASKED;
     uint32_t hash = quick_hash((const char *)key->ptr, key->len);
@@ -177,10 +167,10 @@ QUICK_INLINE quick_hit quick_find(const quick_view *view_p, const mdn *bucket, c
     return hit;
 }
 
-// What walk_holds asks, along the way that the walk took, and that the table is still the one
-// of the snapshot: a record of a table that was left behind is reused with its links standing.
-QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, quick_state state,
-                              const mdn *bucket, const quick_hit *hit_p, uint32_t marks)
+// What walk_holds asks, along the way that the walk took, and that the table is still in force: a
+// record of a table that was left behind is reused with its links standing.
+QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
+                              const quick_hit *hit_p, uint32_t marks)
 {
     // The loads that gave the answer stay ahead of those that vouch for it.
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
@@ -191,14 +181,13 @@ QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, q
         off = get32((const uint32_t *)(const void *)(view_p->ud_base + off + view_p->link_at));
     }
     uint32_t changed = (off ^ hit_p->off) | (udn_sizes(hit_p->udn_p) ^ hit_p->sizes) |
-                       (udn_marks(hit_p->udn_p) ^ marks) | (get32(&head->sn->comm_flg) ^ state.flg) |
-                       (get32(&view_p->md_ver) ^ state.md_ver);
+                       (udn_marks(hit_p->udn_p) ^ marks) | (get32(&head->sn->comm_flg) ^ view_p->flg);
     return LIKELY(changed == 0);
 }
 
 // The whole hit: 0, QUICK_NO or QUICK_MISS.
-QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, quick_state state,
-                            const mdn *bucket, const char *key_p, uint32_t key_len, shkv_buf *value)
+QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
+                            const char *key_p, uint32_t key_len, shkv_buf *value)
 {
     quick_hit hit = quick_find(view_p, bucket, key_p, key_len, false);
     if (UNLIKELY(!hit.udn_p))
@@ -211,22 +200,22 @@ QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, qui
     if (UNLIKELY(data_cksum_inline(data_p, size) != MARKS_CKSUM(marks)))
         return QUICK_NO;
     quick_copy(value->ptr, data_p + key_len, val_sz);
-    if (UNLIKELY(!quick_holds(head, view_p, state, bucket, &hit, marks)))
+    if (UNLIKELY(!quick_holds(head, view_p, bucket, &hit, marks)))
         return QUICK_NO;
     value->len = val_sz;
     return 0;
 }
 
 // The same without a copy and a checksum, whatever mark the record bears.
-QUICK_INLINE int quick_look_lite(const shkv_head *head, const quick_view *view_p, quick_state state,
-                                 const mdn *bucket, const char *key_p, uint32_t key_len, shkv_buf *value)
+QUICK_INLINE int quick_look_lite(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
+                                 const char *key_p, uint32_t key_len, shkv_buf *value)
 {
     quick_hit hit = quick_find(view_p, bucket, key_p, key_len, false);
     if (UNLIKELY(!hit.udn_p))
         return hit.off ? QUICK_NO : QUICK_MISS;
     uint32_t marks = udn_marks(hit.udn_p), val_sz = hit.sizes >> 16;
     uint64_t end = (uint64_t)hit.off + UDN_HEAD_SZ + key_len + val_sz;
-    if (UNLIKELY(end > view_p->limit || !quick_holds(head, view_p, state, bucket, &hit, marks)))
+    if (UNLIKELY(end > view_p->limit || !quick_holds(head, view_p, bucket, &hit, marks)))
         return QUICK_NO;
     value->ptr = const_cast<char *>((const char *)hit.udn_p) + UDN_HEAD_SZ + key_len;
     value->len = val_sz;
@@ -234,8 +223,8 @@ QUICK_INLINE int quick_look_lite(const shkv_head *head, const quick_view *view_p
 }
 
 // The same for a vector store: a key of at most QUICK_VEC_KEY bytes.
-int quick_look_vector(const shkv_head *head, const quick_view *view_p, quick_state state, const mdn *bucket,
-                      const char *key_p, uint32_t key_len, shkv_buf *value) __attribute__((noinline));
+int quick_look_vector(const shkv_head *head, const quick_view *view_p, const mdn *bucket, const char *key_p,
+                      uint32_t key_len, shkv_buf *value) __attribute__((noinline));
 
 // The walks of a miss, as many as there must be: ENOENT, or QUICK_NO when they do not agree, meet the
 // key after all, or end in another state than they began.

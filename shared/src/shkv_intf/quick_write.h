@@ -17,7 +17,7 @@
 struct quick_write {
     shkv_head *head;
     supernode *sn;
-    const quick_view *view_p; // nobody makes it anew while the write is under way
+    const quick_view *view_p; // stays as it is, whatever view is made meanwhile
     sbm *sbm_p;
     uint64_t asked;    // what quick_ask gave
     uint32_t *first_p; // the bucket
@@ -39,8 +39,7 @@ QUICK_INLINE uint32_t *quick_link(const quick_write *op_p, udn *udn_p)
 // False when the handle or the store is in a state that asks for the full write.
 QUICK_INLINE bool quick_write_begin(quick_write *op_p, int handle)
 {
-    quick_state state = {};
-    op_p->view_p = quick_view_of(handle, &op_p->head, &state);
+    op_p->view_p = quick_view_of(handle, &op_p->head);
     if (UNLIKELY(!op_p->view_p || !op_p->view_p->writes))
         return false;
     op_p->sn = op_p->head->sn;
