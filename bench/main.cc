@@ -57,7 +57,7 @@ int main(int argc, char **argv)
     app.add_option("filter", opt.filter, "cases, a regular expression over operation/size/contestant");
     CLI11_PARSE(app, argc, argv);
     if (opt.rounds == 0)
-        opt.rounds = opt.quick ? 3 : 7;
+        opt.rounds = opt.quick ? 3 : 5;
     if (opt.sizes.empty())
         opt.sizes = opt.quick ? std::vector<uint32_t>{1000, 1000000}
                               : std::vector<uint32_t>{1000, 100000, 1000000, 4000000};

@@ -90,7 +90,7 @@ static sample reader_sample(const agent &a)
 void procs_group(uint32_t n)
 {
     const workset w = workset_of(n, 0);
-    const double secs = opt.quick ? 0.2 : 0.5;
+    const double secs = opt.quick ? 0.2 : 0.3;
     const char *const names[] = {"reader_alone", "two_readers", "reader_beside_writer"};
     struct team {
         contestant c;

@@ -226,7 +226,9 @@ static std::vector<contestant> field_of(const operation (&ops)[cnt], uint32_t si
 {
     std::vector<contestant> field;
     for (const peer *const *p = peers; *p; p++)
-        if (std::any_of(ops, ops + cnt,
+        // What a server takes for a round trip hardly depends on what it looks for.
+        if ((!((*p)->traits & PEER_REMOTE) || (cfg.entries < 2000000 && !cfg.vector)) &&
+            std::any_of(ops, ops + cnt,
                         [&](const operation &op) { return op.can(**p) && wanted(op.name, size, **p); }))
             field.push_back(contestant_of(**p, cfg));
     return field;

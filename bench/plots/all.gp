@@ -33,9 +33,15 @@ set title "A reader beside a writer at full speed"
 set xlabel "percentile"; set logscale y
 plot for [i=2:6] data."/latency.dat" using 0:i:xtic(1) with linespoints ls (i==2?1:i==3?3:i+0) title columnheader(i) noenhanced
 
+set output out."/growth.svg"
+set title "Single adds through all growths, from 1,000 records to 4 million"
+set ylabel "us"
+plot for [i=2:4] data."/growth.dat" using 0:i:xtic(1) with linespoints ls (i==2?1:i==3?4:5) title columnheader(i) noenhanced
+
 set output out."/field.svg"
 set title "One operation, by contestant"
 set xlabel ""; set ylabel "ns"
+set yrange [10:*]
 set style data histograms
 set style histogram clustered gap 1
 set style fill solid .9 noborder
