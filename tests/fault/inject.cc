@@ -109,18 +109,20 @@ struct outcome {
     bool done; // every step returned 0
     int odd;   // a result that is none of the library's
     int after; // of an add and a lookup in the same process, once nothing fails any more
+    op_result ops[8];
 };
 
 // In the child that meets the fault.
 int run_faulty(const scenario &scene, const prepared &state, outcome *out_p)
 {
-    std::vector<int> results;
+    std::vector<op_result> results;
     alarm(20); // a hang is a failure
     armed = true;
     int handle = act(scene, state, &results);
     armed = false;
-    *out_p = {injected, true, 0, 0};
-    for (int result : results) {
+    *out_p = {injected, true, 0, 0, {}};
+    std::copy(results.begin(), results.end(), out_p->ops);
+    for (auto [result, done] : results) {
         out_p->done = out_p->done && result == 0;
         static const std::set<int> known = {0, ENOENT, EBADF, ENOMEM, EFAULT, EEXIST, EINVAL, ENOSPC};
         if (!known.count(result))
@@ -145,6 +147,43 @@ long names_of(const snapshot &snap)
     });
 }
 
+// What the next process may find, by the results: what returned 0 is there; of what did not, the
+// step that failed may have gone through, nothing behind it.
+std::vector<contents> told_by_results(const scenario &scene, const prepared &state, const outcome &out)
+{
+    std::vector<model> models = {state.base};
+    auto either = [&](const op &what, int round) {
+        for (size_t i = 0, cnt = models.size(); i < cnt; ++i) {
+            models.push_back(models[i]);
+            models.back().apply(what, round);
+        }
+    };
+    int round = state.base_round;
+    for (size_t no = 0; no < scene.act.size(); ++no) {
+        op what = scene.act[no];
+        auto [result, done] = out.ops[no];
+        ++round;
+        if (what.kind == ADD || what.kind == DEL) {
+            op first = {what.kind, what.first, what.first + done - 1, what.val_sz};
+            op next = {what.kind, first.last + 1, first.last + 1, what.val_sz};
+            for (model &each : models)
+                each.apply(first, round);
+            if (result)
+                either(next, round);
+        } else if (result == 0) {
+            for (model &each : models)
+                each.apply(what, round);
+        } else {
+            either(what, round);
+        }
+    }
+    either({ADD, 20, 20}, round + 1); // of run_faulty
+    std::vector<contents> allowed;
+    for (const model &each : models)
+        allowed.push_back(each.now);
+    return allowed;
+}
+
 std::string complaint(const scenario &scene, const prepared &state, int end, const outcome &out)
 {
     if (end)
@@ -158,16 +197,9 @@ std::string complaint(const scenario &scene, const prepared &state, int end, con
     if (scene.act[0].kind == CREATE && !out.done && can_clean &&
         names_of(take_snapshot()) != names_of(state.at_rest))
         return "a failed create leaves a name";
-    // The add of run_faulty may have gone through: the next process may find it, too.
-    prepared with_add = state;
-    with_add.allowed.insert(with_add.allowed.end(), state.refused.begin(), state.refused.end());
-    for (const contents &each : std::vector<contents>(with_add.allowed))
-        for (int round = state.base_round; round < state.base_round + 10; ++round) {
-            model next{each, {}, false};
-            next.apply({ADD, 20, 20}, round);
-            with_add.allowed.push_back(next.now);
-        }
-    return judge_state(scene, with_add, false);
+    prepared told = state;
+    told.allowed = told_by_results(scene, state, out);
+    return judge_state(scene, told, false);
 }
 
 void inject(const scenario &scene, const prepared &state, tally *tally_p)

@@ -21,13 +21,14 @@ static std::string val_of(int i, int val_sz, int round)
     return text;
 }
 
-int round_no;
+int round_no, singles_done;
 
 int run_op(int handle, const op &what)
 {
     std::vector<std::string> keys, vals;
     std::vector<shkv_buf> key_bufs, val_bufs;
     ++round_no;
+    singles_done = 0;
     for (int i = what.first; what.kind != RESHAPE && i <= what.last; ++i) {
         keys.push_back(key_of(i));
         vals.push_back(val_of(i, what.val_sz, round_no));
@@ -40,12 +41,13 @@ int run_op(int handle, const op &what)
     int result = 0;
     switch (what.kind) {
     case ADD:
-        for (size_t i = 0; i < keys.size() && result == 0; ++i)
+        for (size_t i = 0; i < keys.size() && result == 0; ++i, singles_done += result == 0)
             result = shkv_add(handle, &key_bufs[i], &val_bufs[i], 0);
         return result;
     case DEL:
         for (size_t i = 0; i < keys.size() && (result == 0 || result == ENOENT); ++i)
-            result = shkv_delete(handle, &key_bufs[i]);
+            if ((result = shkv_delete(handle, &key_bufs[i])) == 0 || result == ENOENT)
+                ++singles_done;
         return result == ENOENT ? 0 : result;
     case TXN:
         return shkv_txn_start(handle, nullptr);
@@ -351,20 +353,14 @@ bool prepare(const scenario &scene, prepared *out_p)
     for (int i = 0; scene.fill && i < *filled_p; ++i)
         oracle.apply({ADD, 2000 + i, 2000 + i}, ++round_no);
     out_p->base_round = round_no;
+    out_p->base = oracle;
     out_p->before = oracle.now;
     out_p->allowed = {oracle.now};
-    std::vector<model> steps = {oracle};
     for (const op &what : scene.act) {
         ++round_no;
-        for (model each : steps)
-            if (what.kind == COMMIT) {
-                each.apply(what, round_no);
-                out_p->refused.push_back(each.now);
-            }
         for (int i = what.first; i <= what.last; ++i) {
             bool single = what.kind == ADD || what.kind == DEL;
             oracle.apply(single ? op{what.kind, i, i, what.val_sz} : what, round_no);
-            steps.push_back(oracle);
             out_p->allowed.push_back(oracle.now);
             if (!single)
                 break;
@@ -374,7 +370,7 @@ bool prepare(const scenario &scene, prepared *out_p)
     return true;
 }
 
-int act(const scenario &scene, const prepared &state, std::vector<int> *results_p)
+int act(const scenario &scene, const prepared &state, std::vector<op_result> *results_p)
 {
     uint32_t err = 0;
     int handle = 0;
@@ -383,12 +379,11 @@ int act(const scenario &scene, const prepared &state, std::vector<int> *results_
         handle = create_store(scene.kind, &err);
     else if (scene.act[0].kind != RESHAPE)
         handle = open_store(SHKV_AM_WRITE, &err);
-    if (results_p && err)
-        results_p->push_back((int)err);
     for (const op &what : scene.act) {
+        singles_done = 0;
         int result = err ? (int)err : run_op(handle, what);
         if (results_p)
-            results_p->push_back(result);
+            results_p->push_back({result, singles_done});
     }
     return handle;
 }

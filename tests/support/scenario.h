@@ -31,6 +31,7 @@ constexpr const char *KIND_NAMES[] = {"fixed", "vector", "shmap", "L3"};
 
 // Each run of an operation stores other values: the round is part of them.
 extern int round_no;
+extern int singles_done; // of the last operation's single adds or deletes
 
 int run_op(int handle, const op &what);
 int create_store(store_kind kind, uint32_t *err_p);
@@ -86,13 +87,17 @@ struct prepared {
     snapshot at_rest;
     contents before, after;
     std::vector<contents> allowed; // before, after each single step, after
-    std::vector<contents> refused; // what a commit leaves when steps ahead of it were refused
+    model base; // at rest
     int base_round = 0;
 };
 bool prepare(const scenario &scene, prepared *out_p);
 
 // Opens as the writer and does it. The results of the steps, when results_p is given; the handle.
-int act(const scenario &scene, const prepared &state, std::vector<int> *results_p);
+struct op_result {
+    int result;
+    int done; // of its single adds or deletes, so many went through
+};
+int act(const scenario &scene, const prepared &state, std::vector<op_result> *results_p);
 
 // As the next process: opens (as a writer, which repairs), compares the contents, checks every
 // invariant, works on. Empty when all is right. done: act succeeded, so only after will do.
