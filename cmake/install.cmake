@@ -20,12 +20,12 @@ configure_file(cmake/ovo_shkv.pc.in ovo_shkv.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ovo_shkv.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # python3/dist-packages is where Debian's interpreters look under /usr; under /usr/local it is the
-# directory of one version.
+# directory of the version that the build has found.
 set(SHKV_PYTHON_DIR "" CACHE STRING "Directory of the Python module, from the prefix on")
 find_package(Python3 COMPONENTS Interpreter QUIET)
 install(CODE "
   set(dir \"${SHKV_PYTHON_DIR}\")
-  if(NOT dir AND CMAKE_INSTALL_PREFIX STREQUAL /usr)
+  if(NOT dir AND (CMAKE_INSTALL_PREFIX STREQUAL /usr OR NOT \"${Python3_VERSION_MAJOR}\"))
     set(dir lib/python3/dist-packages)
   elseif(NOT dir)
     set(dir lib/python${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR}/dist-packages)
