@@ -22,15 +22,16 @@ constexpr uint32_t REFILLS = CF_REFILL1 | CF_REFILL2;
 constexpr long LOOK_NS = 10000000;
 constexpr int LOOKS = 200;
 
-// The rest of a pass that holds resh_sem: 0 in *bit_p is a refusal.
-int choose_bit(supernode *sn, uint32_t uuid, uint32_t *bit_p, uint32_t *err_p)
+// Under resh_sem. A rebuild may begin or a writer put its refill bit back at any moment: looked for and
+// taken in one.
+int take_bit(supernode *sn, uint32_t uuid, uint32_t *err_p)
 {
-    uint32_t flg = get32(&sn->comm_flg);
-    if (flg & (TOKENS | REFILLS))
-        return fail_err(ring_of(sn), 0x40, uuid, err_p, EINVAL, "uuid:%d,reshape token was taken:%x", uuid, flg);
-    if (uuid != UUID_RESHAPE1 && uuid != UUID_RESHAPE2)
+    uint32_t bit = uuid == UUID_RESHAPE1 ? CF_RESH_TOKEN1 : uuid == UUID_RESHAPE2 ? CF_RESH_TOKEN2 : 0;
+    if (!set32_unless(&sn->comm_flg, TOKENS | REFILLS, bit))
+        return fail_err(ring_of(sn), 0x40, uuid, err_p, EINVAL, "uuid:%d,reshape token was taken:%x", uuid,
+                        get32(&sn->comm_flg));
+    if (!bit)
         return fail_err(ring_of(sn), 0x41, uuid, err_p, EINVAL, "uuid:%d,process is not allowed to reshape:", uuid);
-    *bit_p = uuid == UUID_RESHAPE1 ? CF_RESH_TOKEN1 : CF_RESH_TOKEN2;
     return 1;
 }
 
@@ -63,10 +64,7 @@ int token_take(supernode *sn, uint32_t uuid, uint32_t *err_p)
     if (resh_sem_take(sn) == -1)
         return fail_err(ring_of(sn), 0x3F, (uint32_t)errno, err_p, EFAULT,
                         "uuid:%d,db shkv semaphore wait failed,errno:%d", uuid, errno);
-    uint32_t bit = 0;
-    int taken = choose_bit(sn, uuid, &bit, err_p);
-    if (taken)
-        change32(&sn->comm_flg, 0, bit);
+    int taken = take_bit(sn, uuid, err_p);
     if (resh_sem_give(sn) == -1 && taken)
         return fail_err(ring_of(sn), 0x42, (uint32_t)errno, err_p, EFAULT,
                         "uuid:%d,db shkv semaphore post failed,errno:%d", uuid, errno);

@@ -176,21 +176,43 @@ static int answer_of_record(const lookup_op *op_p, const chain_walk *walk_p)
 
 // ---- The interim list ---------------------------------------------------------------------------
 
+struct interim_answer {
+    uint32_t kind, val_sz;
+    int answer; // of a record of kind INTRM_ADD
+};
+
 // What a record of the list, off bytes into its space of limit bytes, says of the key.
-static int take_interim(const lookup_op *op_p, const udn *rec_p, uint32_t off, uint32_t limit, uint32_t val_sz)
+static void take_interim(const lookup_op *op_p, const udn *rec_p, uint32_t off, uint32_t limit,
+                         interim_answer *out_p)
 {
     const char *data_p = (const char *)rec_p + UDN_HEAD_SZ;
-    uint32_t size = op_p->key->len + val_sz;
-    if (val_sz > op_p->value->len)
-        return ANSWER_NO_ROOM;
-    if ((uint64_t)off + UDN_HEAD_SZ + size > limit)
-        return ANSWER_BAD_CHAIN;
+    uint32_t val_sz = udn_sizes(rec_p) >> 16, size = op_p->key->len + val_sz;
+    *out_p = {get32(&rec_p->unit_next), val_sz, ANSWER_DELETED};
+    if (out_p->kind != INTRM_ADD)
+        return;
     uint8_t cksum = MARKS_CKSUM(udn_marks(rec_p));
-    if (cksum != 0 && cksum != data_cksum_inline(data_p, size)) // 0 passes unverified
-        return ANSWER_BAD_CKSUM;
-    if (val_sz)
-        memcpy(op_p->value->ptr, data_p + op_p->key->len, val_sz);
-    return ANSWER_VALUE;
+    if (val_sz > op_p->value->len)
+        out_p->answer = ANSWER_NO_ROOM;
+    else if ((uint64_t)off + UDN_HEAD_SZ + size > limit)
+        out_p->answer = ANSWER_BAD_CHAIN;
+    else if (cksum != 0 && cksum != data_cksum_inline(data_p, size)) // 0 passes unverified
+        out_p->answer = ANSWER_BAD_CKSUM;
+    else {
+        out_p->answer = ANSWER_VALUE;
+        if (val_sz)
+            memcpy(op_p->value->ptr, data_p + op_p->key->len, val_sz);
+    }
+}
+
+// The list's space is cut when its reshape is given up: false when that has happened.
+static __attribute__((noinline)) bool take_interim_guarded(const lookup_op *op_p, const udn *rec_p, uint32_t off,
+                                                           uint32_t limit, interim_answer *out_p)
+{
+    GUARD(faulted);
+    take_interim(op_p, rec_p, off, limit, out_p);
+    return true;
+faulted:
+    return false;
 }
 
 // While a reshape moves the tables, what the writer does stands on the interim list. A record of
@@ -205,27 +227,26 @@ static int look_at_interim(const lookup_op *op_p)
     const udn *rec_p = shkv_interimlst_lookup(op_p->sn, op_p->key, base);
     if (!rec_p)
         return LOOK_MISS;
-    uint32_t kind = get32(&rec_p->unit_next), val_sz = udn_sizes(rec_p) >> 16;
-    if (kind != INTRM_ADD && kind != INTRM_DEL)
+    interim_answer said = {};
+    if (!take_interim_guarded(op_p, rec_p, (uint32_t)((const char *)rec_p - base), limit, &said))
+        return no_memory(op_p);
+    if (said.kind != INTRM_ADD && said.kind != INTRM_DEL)
         return LOOK_MISS;
-    int answer = ANSWER_DELETED;
-    if (kind == INTRM_ADD)
-        answer = take_interim(op_p, rec_p, (uint32_t)((const char *)rec_p - base), limit, val_sz);
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
     if (!op_p->last && shkv_interimlst_lookup(op_p->sn, op_p->key, base) != rec_p)
         return LOOK_AGAIN;
-    switch (answer) {
+    switch (said.answer) {
     case ANSWER_DELETED:
         LOG("shkv_lookup, no such key");
         return ENOENT;
     case ANSWER_NO_ROOM:
-        return no_room(op_p, val_sz);
+        return no_room(op_p, said.val_sz);
     case ANSWER_BAD_CKSUM:
         return bad_cksum(op_p);
     case ANSWER_BAD_CHAIN:
         return ENOMEM;
     default:
-        op_p->value->len = val_sz;
+        op_p->value->len = said.val_sz;
         return 0;
     }
 }

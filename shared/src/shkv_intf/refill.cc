@@ -159,13 +159,12 @@ void refill_drop_if_lost(shkv_head *head)
         return;
     supernode *sn = head->sn;
     uint32_t flg = get32(&sn->comm_flg);
-    bool ud1 = flg & CF_UD1, bit_gone = !(flg & (CF_REFILL1 | CF_REFILL2));
+    bool ud1 = flg & CF_UD1;
     const ud_map *ud = ud1 ? head->ud1_map : head->ud2_map;
     if (!in_step(head, ud, get32(ud1 ? &sn->ud1.obj_ver : &sn->ud2.obj_ver)) ||
-        (bit_gone && (flg & (CF_RESH_TOKEN1 | CF_RESH_TOKEN2))))
+        (!(flg & (CF_REFILL1 | CF_REFILL2)) &&
+         !set32_unless(&sn->comm_flg, CF_RESH_TOKEN1 | CF_RESH_TOKEN2, flg & CF_MD1 ? CF_REFILL2 : CF_REFILL1)))
         head->refill_pos = 0;
-    else if (bit_gone)
-        change32(&sn->comm_flg, 0, flg & CF_MD1 ? CF_REFILL2 : CF_REFILL1);
 }
 
 int shkv_continue_refill_md(shkv_head *head, int handle, void *ring_p)
