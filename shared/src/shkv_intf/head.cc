@@ -25,6 +25,7 @@ static const mdn no_bucket = {};
 static constexpr quick_view one_empty_bucket()
 {
     quick_view view = {};
+    view.flg_mask = ~0u;
     view.md_base = &no_bucket;
     return view;
 }

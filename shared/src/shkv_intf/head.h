@@ -13,11 +13,12 @@ void shkv_clear_head(int handle);
 // comm_flg and the two versions are what they were (quick.h). Never changed once it was in force,
 // for other threads may go by it. One line of the cache.
 struct quick_view {
-    uint32_t flg;       // the snapshot it was made from
+    uint32_t flg;       // the snapshot it was made from,
+    uint32_t flg_mask;  // and the bits of it that count
     uint32_t md_ver;    // obj_ver of the table
     uint32_t ud_ver;    // obj_ver of the record space
-    uint32_t md_ver_at; // where these two lie in the supernode. 0: no view, for magichead is never 0
-    uint32_t ud_ver_at;
+    uint16_t md_ver_at; // where these two lie in the supernode. 0: no view, for magichead is never 0
+    uint16_t ud_ver_at;
     uint8_t link_at;    // where in a record the table's link lies
     uint8_t writes;     // quick writes are served: the one writer of a fixed store
     uint16_t vector;    // the form of the store's records
@@ -29,6 +30,7 @@ struct quick_view {
     shkv_hash_fn hash_fn; // null for dekhash, the default
 };
 
+static_assert(sizeof(quick_view) == 64);
 extern const quick_view no_view; // of a handle that has none: fits no store, and has one empty bucket
 
 // Private state of a handle that is not part of the exported head. A slot's state is reset by

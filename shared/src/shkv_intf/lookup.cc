@@ -69,6 +69,13 @@ static bool has_moved(const lookup_op *op_p)
            get32(op_p->flg & CF_UD1 ? &op_p->sn->ud1.obj_ver : &op_p->sn->ud2.obj_ver) != op_p->ud_ver;
 }
 
+// Whether the table that the answer came from was left behind meanwhile: its records are reused with
+// their links standing.
+static bool left_behind(const lookup_op *op_p)
+{
+    return (get32(&op_p->sn->comm_flg) ^ op_p->flg) & (CF_MD1 | CF_MD2 | CF_UD1 | CF_UD2);
+}
+
 // No mapping, or a shorter one. Another thread that is about to exchange it is at it under obj_sem,
 // where the next look's check waits for it.
 static int unmapped(const lookup_op *op_p)
@@ -154,7 +161,7 @@ static int answer_of_record(const lookup_op *op_p, const chain_walk *walk_p)
     bool holds = false;
     if (!take_guarded(walk_p, op_p->value, &answer, &holds))
         return no_memory(op_p);
-    if (!holds && !op_p->last)
+    if ((!holds || left_behind(op_p)) && !op_p->last)
         return LOOK_AGAIN;
     switch (answer) {
     case ANSWER_DELETED:

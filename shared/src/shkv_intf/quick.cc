@@ -12,13 +12,18 @@
 
 #define QUICK_MIN_SZ 4096u // a mapping that holds any key's offset arithmetic without wrapping
 
-// The states in which one table and one record space say it all, of those bits that tell.
-static bool plain_state(uint32_t flg, uint32_t access_mode)
+// The bits that tell which table and space to look at. A transaction is its owner's alone, who sees its
+// own changes first.
+static uint32_t telling_bits(uint32_t access_mode)
 {
-    const uint32_t untold = CF_TXN | CF_TXN_COMMIT | CF_REFILL1 | CF_REFILL2 | CF_RESH_TOKEN1 | CF_RESH_TOKEN2;
-    if ((flg & CF_TXN) && (access_mode & SHKV_AM_WRITE))
-        return false; // the owner sees its own changes first
-    switch (flg & ~untold) {
+    const uint32_t txn = CF_TXN | CF_TXN_COMMIT;
+    return ~(CF_REFILL1 | CF_REFILL2 | CF_RESH_TOKEN1 | CF_RESH_TOKEN2 | (access_mode & SHKV_AM_WRITE ? 0 : txn));
+}
+
+// The states in which one table and one record space say it all.
+static bool plain_state(uint32_t flg)
+{
+    switch (flg) {
     case CF_MD1 | CF_UD1:
     case CF_MD1 | CF_UD2:
     case CF_MD2 | CF_UD1:
@@ -29,9 +34,9 @@ static bool plain_state(uint32_t flg, uint32_t access_mode)
     }
 }
 
-static uint32_t offset_in(const supernode *sn, const uint32_t *word_p)
+static uint16_t offset_in(const supernode *sn, const uint32_t *word_p)
 {
-    return (uint32_t)((const char *)word_p - (const char *)sn);
+    return (uint16_t)((const char *)word_p - (const char *)sn);
 }
 
 // Nothing is remapped or bound here: that is the full lookup's, which comes next.
@@ -39,7 +44,8 @@ static bool fill_view(shkv_head *head, quick_view *view_p)
 {
     supernode *sn = head->sn;
     uint32_t flg = get32(&sn->comm_flg);
-    if (!(is_fixed(sn) || is_vector(sn)) || is_shared_map(head) || !plain_state(flg, head->access_mode))
+    view_p->flg_mask = telling_bits(head->access_mode);
+    if (!(is_fixed(sn) || is_vector(sn)) || is_shared_map(head) || !plain_state(flg & view_p->flg_mask))
         return false;
     active_db db = {}, none = {};
     get_active_db(&db, &none, head, flg);
@@ -64,7 +70,7 @@ static bool fill_view(shkv_head *head, quick_view *view_p)
         return false;
     view_p->recip = UINT64_MAX / view_p->hashsz + 1; // 0 for a single bucket, which gives bucket 0
     return view_p->md_ver == get32(&db.desc->obj_ver) && view_p->ud_ver == get32(&ud_desc_p->obj_ver) &&
-           get32(&sn->comm_flg) == flg;
+           ((get32(&sn->comm_flg) ^ flg) & view_p->flg_mask) == 0;
 }
 
 // The views of a handle take turns in these places, so that one that was in force stays as it is for
@@ -121,7 +127,7 @@ static bool still_in_state(const supernode *sn, const quick_view *view_p)
 {
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
     const char *base = (const char *)sn;
-    return get32(&sn->comm_flg) == view_p->flg &&
+    return ((get32(&sn->comm_flg) ^ view_p->flg) & view_p->flg_mask) == 0 &&
            get32((const uint32_t *)(const void *)(base + view_p->md_ver_at)) == view_p->md_ver &&
            get32((const uint32_t *)(const void *)(base + view_p->ud_ver_at)) == view_p->ud_ver;
 }

@@ -40,7 +40,7 @@ QUICK_INLINE const quick_view *quick_view_of(int handle, shkv_head **head_out)
         return nullptr;
     for (bool made = false;; made = true) {
         const quick_view *view_p = __atomic_load_n(&priv_p->view_p, __ATOMIC_ACQUIRE);
-        if (LIKELY(get32(&head->sn->comm_flg) == view_p->flg &&
+        if (LIKELY(((get32(&head->sn->comm_flg) ^ view_p->flg) & view_p->flg_mask) == 0 &&
                    get32((const uint32_t *)(const void *)(sn + view_p->md_ver_at)) == view_p->md_ver &&
                    get32((const uint32_t *)(const void *)(sn + view_p->ud_ver_at)) == view_p->ud_ver))
             return view_p;
@@ -181,7 +181,8 @@ QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, c
         off = get32((const uint32_t *)(const void *)(view_p->ud_base + off + view_p->link_at));
     }
     uint32_t changed = (off ^ hit_p->off) | (udn_sizes(hit_p->udn_p) ^ hit_p->sizes) |
-                       (udn_marks(hit_p->udn_p) ^ marks) | (get32(&head->sn->comm_flg) ^ view_p->flg);
+                       (udn_marks(hit_p->udn_p) ^ marks) |
+                       ((get32(&head->sn->comm_flg) ^ view_p->flg) & view_p->flg_mask);
     return LIKELY(changed == 0);
 }
 
