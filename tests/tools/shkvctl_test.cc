@@ -17,9 +17,11 @@ TEST(shkvctl, records_go_in_and_come_out)
 {
     play({
         {"ls", 0, "there are no stores; make one with: shkvctl create NAME\n"},
-        {"get s k", 3, "shkvctl: store 's' does not exist; make it with: shkvctl create s\n"},
+        {"get s k", 3, "shkvctl get: store 's' does not exist (ENOENT); see all stores with: shkvctl ls; make it with: "
+         "shkvctl create s\n"},
         {"get s k --json", 3,
-         "{\"error\":\"store 's' does not exist\",\"errno\":2,\"hint\":\"make it with: shkvctl create s\"}\n"},
+         "{\"error\":\"store 's' does not exist\",\"command\":\"get\",\"errno\":2,\"errno_name\":\"ENOENT\",\"hint\":\"see "
+         "all stores with: shkvctl ls; make it with: shkvctl create s\"}\n"},
         {"create s", 0, "~keys to 16 bytes, values to 32, room for 2,010 records, 140.0 KiB"},
         {"create s", 3, "~store 's' exists already"},
         {"set s k v", 0, "stored k, 1 byte\n"},
@@ -27,7 +29,7 @@ TEST(shkvctl, records_go_in_and_come_out)
         {"set s k longer --json", 0, "{\"store\":\"s\",\"key\":\"k\",\"bytes\":6,\"replaced\":true}\n"},
         {"set s -q -- -n -5", 0, ""},
         {"get s k", 0, "longer\n"},
-        {"get s -- -n k x", 1, "-n\t-5\nk\tlonger\nshkvctl: store 's' has no key 'x'\n"},
+        {"get s -- -n k x", 1, "-n\t-5\nk\tlonger\nshkvctl get: store 's' has no key 'x'\n"},
         {"get s x k --json", 1,
          "{\"key\":\"x\",\"found\":false}\n{\"key\":\"k\",\"found\":true,\"value\":\"longer\"}\n"},
         {"set s --hex 00ff 0a5c", 0, "stored \\x00\\xff, 2 bytes\n"},
@@ -39,13 +41,13 @@ TEST(shkvctl, records_go_in_and_come_out)
         {"scan s --count", 0, "4\n"},
         {"set s k 123456789012345678901234567890123", 3, "~value of 'k' has 33 bytes, and store 's' takes 32"},
         {"set s 12345678901234567 v", 3, "~key '12345678901234567' has 17 bytes, and store 's' takes 16"},
-        {"set s '' v", 3, "shkvctl: a key has at least one byte\n"},
+        {"set s '' v", 3, "shkvctl set: a key has at least one byte (EINVAL)\n"},
         // The library's own line about a missing key stays out of the output.
-        {"del s k x", 1, "shkvctl: store 's' has no key 'x'\ndeleted 1 record\n"},
+        {"del s k x", 1, "shkvctl del: store 's' has no key 'x'\ndeleted 1 record\n"},
         {"del s x --json", 1, "{\"key\":\"x\",\"deleted\":false}\n"},
         {"ls", 0, "~s +0 +0 +fixed +158.4 KiB  -       ok\n$"},
         {"destroy s", 0, "destroyed store 's'\n"},
-        {"destroy s", 3, "shkvctl: store 's' does not exist; see all stores with: shkvctl ls\n"},
+        {"destroy s", 3, "shkvctl destroy: store 's' does not exist (ENOENT); see all stores with: shkvctl ls\n"},
     });
 }
 
@@ -57,7 +59,7 @@ TEST(shkvctl, wrong_usage_says_so)
         {"nosuch", 2, "shkvctl: there is no command 'nosuch'\nsee: shkvctl --help\n"},
         {"set s", 2, "~KEY is required"},
         {"get s k --nope", 2, "~no option '--nope'"},
-        {"get '' k", 2, "shkvctl: '' names no store\n"},
+        {"get '' k", 2, "shkvctl get: '' names no store\n"},
         {"create a:b:c", 2, "~two ':'"},
         {"create s --key-max 257", 2, "~not in range"},
         {"create s --hash md5", 2, "~md5"},
@@ -70,7 +72,7 @@ TEST(shkvctl, wrong_usage_says_so)
         {"cleanup 0", 2, "~--yes"},
         {"destroy ovo_shkv_registry_db", 2, "~is not destroyed"},
     });
-    for (const char *command : {"create", "ls", "stat", "destroy", "set", "get", "del", "scan", "load", "apply",
+    for (const char *command : {"create", "ls", "stat", "destroy", "set", "get", "del", "scan", "load", "dump", "apply", "check",
                                 "txn", "set-opts", "reshape", "limits", "cleanup"})
         play({{(std::string(command) + " --help").c_str(), 0,
                "~^usage: shkvctl(.|\n)*--json(.|\n)*examples\n  "}});
@@ -128,7 +130,7 @@ TEST(shkvctl, a_full_store_says_what_to_do)
         {"set-opts s --grow off", 0, "~keeps its size"},
         {"!seq 300 | sed 's/.*/k&\\tv/' > /dev/shm/in", 0, ""},
         {"load s /dev/shm/in --txn", 3,
-         "~full, and does not grow by itself \\(nothing was stored\\); let it grow with: "
+         "~full, and does not grow by itself \\(nothing was stored\\) \\(ENOMEM\\); let it grow with: "
          "shkvctl set-opts s --grow on"},
         {"resize s --grow on --slice 0", 0, "~grows when it is full; a table rebuild works without a pause"},
         {"load s /dev/shm/in", 0, "~300 records"},
@@ -159,7 +161,7 @@ TEST(shkvctl, a_transaction_outlives_its_processes)
          "\"writer_tid\":0,\"writer_lives\":false}\n"},
         {"reshape s", 3, "~it has an open transaction"},
         {"txn commit s", 0, "committed 1 set and 1 delete\n"},
-        {"get s a c", 1, "shkvctl: store 's' has no key 'a'\nc\t3\n"},
+        {"get s a c", 1, "shkvctl get: store 's' has no key 'a'\nc\t3\n"},
         {"txn abort s", 1, "store 's' has no open transaction\n"},
         {"!printf '%s\\n' '{\"op\":\"set\",\"key\":\"d\",\"value\":\"4\"}' '{\"op\":\"del\",\"key\":\"b\"}' "
          "'{\"op\":\"del\","

@@ -19,12 +19,14 @@ struct check_report {
 enum { UNIT_FRESH, UNIT_USED, UNIT_FREE, UNIT_HELD, UNIT_STAGED, UNIT_INTERIM, UNIT_LOST };
 
 // Never fails on any bytes. strict: nothing has died and no one writes, so lost units and
-// miscounted lists are faults as well.
-check_report check_image(const store_image &image, bool strict);
+// miscounted lists are faults as well. One damaged list can break thousands of rules: it stops
+// noting them at max_faults.
+check_report check_image(const store_image &image, bool strict, size_t max_faults = 50);
 
-// The same on a store that processes use: looks again while what it found may be a change caught
-// in the middle. False when there is no such store.
-bool check_live(const std::string &dbname, int tries, check_report *report_p);
+// The same on a store that processes use. A copy taken beside a writer is not of one moment, so
+// what it shows may be a change caught in the middle; damage stays. So only faults count that
+// stand in every one of up to tries copies. False when there is no such store.
+bool check_live(const std::string &dbname, int tries, bool strict, check_report *report_p);
 
 // The registry against the objects, both ways: records without a store, stores without a record.
 std::vector<std::string> check_registry();

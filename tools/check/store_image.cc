@@ -21,7 +21,8 @@ static void read_object(const std::string &path, object_image *obj_p)
         return;
     if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
         obj_p->present = true;
-        obj_p->file_sz = (uint64_t)st.st_size;
+        constexpr uint64_t most = 1ull << 32; // what offsets of 32 bits reach
+        obj_p->file_sz = std::min((uint64_t)st.st_size, most);
         obj_p->bytes.resize(obj_p->file_sz);
         size_t got = 0;
         while (got < obj_p->bytes.size()) {

@@ -1,9 +1,14 @@
 // apply: sets and deletes from a file as one transaction.
+#include <errno.h>
+
+#include <map>
+
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include "shkvctl/common.h"
 #include "shkvctl/lines.h"
+#include "shkvctl/raw_records.h"
 #include "shkvctl/transaction.h"
 
 namespace
@@ -32,15 +37,33 @@ void tally(Tally &sum, bool erase, bool was_there)
     (erase ? was_there ? sum.deleted : sum.absent : was_there ? sum.replaced : sum.added)++;
 }
 
-// What the changes would do, on a map of the keys that they have met so far.
-Tally rehearse(const Store &store, const std::vector<Record> &changes)
+bool is_there(const Args &args, const RawStore &raw, const std::string &key)
 {
+    RawLookup found = raw_lookup(raw, key);
+    if (found.found == Found::DAMAGED)
+        throw Failure(EXIT_ERROR, EINVAL,
+                      fmt::format("store '{}': cannot tell whether '{:.40}' is there: {}", args.uri, escape(key),
+                                  found.fault),
+                      fmt::format("see: shkvctl check {}", args.uri));
+    return found.found == Found::YES;
+}
+
+// What the changes would do, on a map of the keys that they have met so far. From the store's
+// bytes: nothing is opened.
+Tally rehearse(const Args &args, const std::vector<Record> &changes)
+{
+    RawStore raw(dbname_of(args.uri));
+    check_readable(args.uri, raw);
+    if (raw.is(CF_TXN))
+        throw txn_is_open(args.uri);
+    if (raw.sn().conf_flg & CONF_MULTIWR)
+        throw no_txn_here(args.uri);
     Tally sum;
     std::map<std::string, bool> there;
-    std::string value;
     for (const Record &change : changes) {
+        check_sizes(args.uri, raw.sn(), change.key, change.value);
         auto known = there.find(change.key);
-        bool was_there = known != there.end() ? known->second : store.lookup(change.key, &value);
+        bool was_there = known != there.end() ? known->second : is_there(args, raw, change.key);
         tally(sum, change.erase, was_there);
         there[change.key] = !change.erase;
     }
@@ -68,15 +91,13 @@ int apply(const Args &args, const Context &ctx)
 {
     catch_interrupts();
     std::vector<Record> changes = read_changes(args.file);
-    Store store(args.uri, args.dry_run ? Store::READ : Store::WRITE);
-    for (const Record &change : changes)
-        store.check_sizes(change.key, change.value);
     Tally sum;
     if (args.dry_run) {
-        if (store.in_txn())
-            throw txn_is_open(store);
-        sum = rehearse(store, changes);
+        sum = rehearse(args, changes);
     } else {
+        Store store(args.uri, Store::WRITE);
+        for (const Record &change : changes)
+            store.check_sizes(change.key, change.value);
         Transaction txn(store, (uint32_t)changes.size());
         sum = stage(store, changes);
         txn.commit();

@@ -95,22 +95,56 @@ void destroy_forced(const std::string &uri)
     }
 }
 
+void destroy_one(const std::string &uri, bool force)
+{
+    if (force)
+        return destroy_forced(uri);
+    if (!RawStore(dbname_of(uri)).exists())
+        throw no_store(uri);
+    Store store(uri, Store::WRITE);
+    destroy_open(store);
+}
+
+// The log of a batch is the only way back for a store whose batch was cut short.
+void check_log(const Args &args, const std::string &uri)
+{
+    std::string name = dbname_of(uri), suffix = SHKV_IODB_SUFFIX;
+    if (args.force || !name.ends_with(suffix))
+        return;
+    std::string base = name.substr(0, name.size() - suffix.size());
+    if (!base.empty() && RawStore(base).sn().iodb_mark >> 8 == IODB_LIVE)
+        throw Failure(EXIT_ERROR, EINVAL,
+                      fmt::format("'{}' is the undo log of store '{}', whose last batch was cut short", uri, base),
+                      fmt::format("the next open of '{0}' for writing takes the batch back and removes the log, "
+                                  "such as: shkvctl txn commit {0}",
+                                  base));
+}
+
+// A log that a batch left behind belongs to nobody when its store is gone. Returns its name, or "".
+std::string destroy_log(const std::string &uri)
+{
+    std::string log = dbname_of(uri) + SHKV_IODB_SUFFIX;
+    if (log.size() >= SHKV_NAME_MAX || !RawStore(log).exists())
+        return "";
+    destroy_one(log, true);
+    return log;
+}
+
 int destroy(const Args &args, const Context &ctx)
 {
     for (const std::string &uri : args.uris) {
         if (dbname_of(uri) == SHKV_REGISTRY_NAME)
             throw Failure::usage("'{}' is the registry, which lists all stores, and is not destroyed", uri);
-        if (args.force) {
-            destroy_forced(uri);
-        } else if (!RawStore(dbname_of(uri)).exists()) {
-            throw no_store(uri);
-        } else {
-            Store store(uri, Store::WRITE);
-            destroy_open(store);
+        check_log(args, uri);
+        destroy_one(uri, args.force);
+        std::string log = destroy_log(uri);
+        if (ctx.json) {
+            Json done = {{"store", uri}, {"destroyed", true}};
+            if (!log.empty())
+                done["undo_log"] = escape(log);
+            print_json(done);
         }
-        if (ctx.json)
-            print_json({{"store", uri}, {"destroyed", true}});
-        say(ctx, "destroyed store '{}'\n", uri);
+        say(ctx, "destroyed store '{}'{}\n", uri, log.empty() ? "" : fmt::format(" and its undo log '{}'", log));
     }
     return EXIT_OK;
 }
@@ -132,7 +166,8 @@ const Command cmd_destroy = {
     "Stores",
     "remove stores and all that is in them",
     "Removes a store for good: its objects, and its record in the registry. Processes that have it\n"
-    "open are refused from then on. A store with a living writer is left alone without --force.",
+    "open are refused from then on. A store with a living writer is left alone without --force. The\n"
+    "undo log that a batch may have left (NAME_iodb) goes with its store.",
     {{"shkvctl destroy cache", "one store"},
      {"shkvctl destroy old1 old2", "two"},
      {"shkvctl destroy --force broken", "whatever is left of it"}},

@@ -1,11 +1,14 @@
 // load: stores many records from lines of text, plainly, as one transaction, or in atomic batches.
+#include <errno.h>
+
 #include <chrono>
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 #include <optional>
 
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
 #include "shkvctl/common.h"
-#include "shkvctl/lines.h"
+#include "shkvctl/dump_format.h"
 #include "shkvctl/progress.h"
 #include "shkvctl/transaction.h"
 
@@ -13,7 +16,7 @@ namespace
 {
 struct Args {
     std::string uri, file = "-", format = "auto";
-    bool txn = false;
+    bool txn = false, create = false;
     uint32_t batch = 0;
 };
 
@@ -75,19 +78,41 @@ void check_store(const Args &args, const Store &store)
                          args.uri));
 }
 
-// Reads to the end, to a failure or to an interrupt.
-void read_all(const Args &args, const Context &ctx, LineReader &reader, Sink &sink)
+Format format_of(const std::string &name)
 {
-    Format format = args.format == "tsv" ? Format::TSV : args.format == "jsonl" ? Format::JSONL : Format::AUTO;
-    Progress progress(ctx, "loading " + args.uri, reader.total());
-    std::string line;
-    while (!interrupted && reader.next(&line)) {
-        sink.put(parse_record(reader, line, format));
-        if (reader.number() % 256 == 0)
-            progress.update(reader.bytes(), thousands(sink.done()) + " records");
+    return name == "tsv" ? Format::TSV : name == "jsonl" ? Format::JSONL : Format::AUTO;
+}
+
+// Reads to the end, to a failure or to an interrupt.
+void read_all(const Args &args, const Context &ctx, RecordReader &reader, Sink &sink)
+{
+    Progress progress(ctx, "loading " + args.uri, reader.lines().total());
+    Record rec;
+    while (!interrupted && reader.next(&rec)) {
+        sink.put(std::move(rec));
+        if (reader.lines().number() % 256 == 0)
+            progress.update(reader.lines().bytes(), thousands(sink.done()) + " records");
     }
     if (!interrupted)
         sink.flush();
+}
+
+// The store that the dump was taken of, empty.
+void create_as_dumped(const Args &args, RecordReader &reader)
+{
+    if (RawStore(dbname_of(args.uri)).exists())
+        return;
+    if (!reader.head())
+        throw Failure(EXIT_ERROR, EINVAL, "the file is no dump, and does not say how to make the store",
+                      fmt::format("make it with: shkvctl create {}", args.uri));
+    DumpedStore made = dumped_store(*reader.head());
+    uint32_t err = 0;
+    int handle = shkv_create(args.uri.c_str(), made.uuid, &made.params, made.hash, &err);
+    if (handle <= 0 || !check_shkv_hdl(handle))
+        throw Failure(EXIT_ERROR, (int)err,
+                      fmt::format("cannot make store '{}' as it was dumped: {}", args.uri, errno_words((int)err)),
+                      "make it first, with shkvctl create");
+    shkv_close(handle);
 }
 
 int load(const Args &args, const Context &ctx)
@@ -95,13 +120,16 @@ int load(const Args &args, const Context &ctx)
     if (args.txn && args.batch)
         throw Failure::usage("--txn and --batch exclude each other");
     catch_interrupts();
-    LineReader reader(args.file);
+    RecordReader reader(args.file, format_of(args.format));
+    reader.verify_first();
+    if (args.create)
+        create_as_dumped(args, reader);
     Store store(args.uri, Store::WRITE);
     check_store(args, store);
     auto start = std::chrono::steady_clock::now();
     std::optional<Transaction> txn;
     if (args.txn)
-        txn.emplace(store, (uint32_t)std::min<uint64_t>(reader.total() / 32 + 512, 1000000));
+        txn.emplace(store, (uint32_t)std::min<uint64_t>(reader.lines().total() / 32 + 512, 1000000));
     Sink sink(store, args.batch);
     std::string kept = args.txn ? "nothing was stored" : "";
     try {
@@ -140,6 +168,8 @@ Run setup(CLI::App &app, Context &ctx)
                    "Atomic batches of N records, 1 to 31: each is stored whole or not at all")
         ->type_name("N")
         ->check(CLI::Range(1, 31));
+    app.add_flag("--create", args->create,
+                 "Of a dump: make the store as it was, if there is none of this name");
     return [args, &ctx] { return load(*args, ctx); };
 }
 } // namespace
@@ -152,8 +182,11 @@ const Command cmd_load = {
     "Reads a record a line: key, tab, value, with \\t \\n \\r \\\\ and \\xNN in them (what scan prints), or\n"
     "a JSON object {\"key\":\"..\",\"value\":\"..\"}, with key_hex and value_hex for bytes. A record takes\n"
     "the place of the one of the same key. A bad line ends the load; what was stored before it stays,\n"
-    "unless the load is one transaction.",
+    "unless the load is one transaction.\n"
+    "A file that shkvctl dump wrote is held against its checksum: before the first record is stored,\n"
+    "or, of a pipe, at the end.",
     {{"shkvctl load cache records.tsv", "lines of key, tab, value"},
+     {"shkvctl load cache cache.dump --create", "a store as it was dumped"},
      {"shkvctl scan old | shkvctl load new", "copy a store into another"},
      {"shkvctl load cache prices.jsonl --txn", "all records, or none"},
      {"shkvctl load cache prices.jsonl --batch 16", "16 at a time; a crash leaves whole batches"}},

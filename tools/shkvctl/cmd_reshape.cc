@@ -43,7 +43,9 @@ void check_state(const Args &args, const RawStore &raw)
         throw refused(args, "a reshape is under way", fmt::format("see: shkvctl stat {}", args.uri));
     if (raw.is(CF_RESH_TOKEN1 | CF_RESH_TOKEN2))
         throw refused(args, "its reshape token is held, by a reshaper that begins or by one that failed",
-                      "when no reshaper runs, the token stays for the store's life");
+                      fmt::format("the token of a reshaper that died stays for the store's life; to make the store "
+                                  "anew: shkvctl dump {0} FILE, destroy --force {0}, load {0} FILE --create",
+                                  args.uri));
     if (raw.is(CF_REFILL1 | CF_REFILL2))
         throw refused(args, "its table is being rebuilt", "the next open for writing finishes that");
 }
@@ -124,11 +126,9 @@ int run_reshape(const Args &args, const Context &ctx, const Plan &plan)
 
 int reshape(const Args &args, const Context &ctx)
 {
-    {
-        Store store(args.uri, Store::READ); // says why, when there is no such store
-    }
     work_out_limits();
     RawStore raw(dbname_of(args.uri));
+    check_readable(args.uri, raw);
     check_state(args, raw);
     Plan plan = make_plan(args, raw);
     md_desc old_table = raw.md(raw.active_md());

@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "shkvctl/common.h"
-#include "shkvctl/progress.h"
+#include "shkvctl/raw_records.h"
 
 namespace
 {
@@ -30,21 +30,26 @@ void print_record(const Args &args, const Context &ctx, const std::string &key, 
 
 int scan(const Args &args, const Context &ctx)
 {
-    std::string prefix = bytes_argument(args.prefix, args.hex), key, value;
-    Store store(args.uri, Store::ITERATE);
-    Cursor cursor(store);
+    std::string prefix = bytes_argument(args.prefix, args.hex);
+    RawStore raw(dbname_of(args.uri));
+    check_readable(args.uri, raw);
     uint64_t found = 0;
-    while (found < args.limit && cursor.next(&key, &value)) {
-        if (!key.starts_with(prefix))
-            continue;
-        found++;
-        if (!args.count)
-            print_record(args, ctx, key, value);
-    }
+    WalkAll walk;
+    walk.visit = [&](const std::string &key, const std::string &value) {
+        if (found < args.limit && key.starts_with(prefix)) {
+            found++;
+            if (!args.count)
+                print_record(args, ctx, key, value);
+        }
+        return found < args.limit;
+    };
+    WalkSum sum = args.limit ? walk_records(raw, walk) : WalkSum{};
     if (args.count && ctx.json)
         print_json({{"store", args.uri}, {"records", found}});
     else if (args.count)
         fmt::print(out(), "{}\n", found);
+    if (sum.damaged || sum.cut_chains)
+        throw damage(args.uri, sum);
     return EXIT_OK;
 }
 
@@ -67,8 +72,9 @@ const Command cmd_scan = {
     "Records",
     "print all records, or those with a prefix",
     "Prints a line for each record: key, tab, value, with \\t, \\n, \\\\ and \\xNN for what would break\n"
-    "the line (shkvctl load reads it back). The order is that of the table. A scan takes no lock:\n"
-    "while a writer is at work it sees each record whole, but not all of one moment.",
+    "the line (shkvctl load reads it back). The order is that of the table. A scan opens nothing and\n"
+    "takes no lock: while a writer is at work it sees each record whole, but not all of one moment.\n"
+    "Damaged records are left out, and the exit code is then 3.",
     {{"shkvctl scan cache", "all records"},
      {"shkvctl scan cache --prefix user: --keys", "the keys that begin with user:"},
      {"shkvctl scan cache --count", "how many"},

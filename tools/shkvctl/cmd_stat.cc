@@ -105,8 +105,8 @@ void print_tables(const RawStore &raw, const Report &report)
                                   percent(t.chains.buckets[i], buckets)});
         fmt::print(out(), "\n{}", table(chains));
         if (t.chains.broken)
-            fmt::print(out(), "  {} led nowhere; in a store at rest that is damage\n",
-                       count_of(t.chains.broken, "link"));
+            fmt::print(out(), "  {} led nowhere; in a store at rest that is damage; see: shkvctl check {}\n",
+                       count_of(t.chains.broken, "link"), escape(raw.dbname()));
     }
 }
 
@@ -149,14 +149,17 @@ void print_under_way(const RawStore &raw, const Report &report)
         if (reshape->token)
             rows.push_back(
                 {"  reshape token",
-                 fmt::format("held by service {:#x}, since when is not recorded{}", reshape->token,
-                             reshape->published ? "" : "; nothing is published: it begins, or it failed")});
+                 fmt::format("held by service {:#x}{}", reshape->token,
+                             reshape->published ? "" : "; no new objects yet: it has just begun, or it failed")});
         if (reshape->published)
             rows.push_back(
-                {"  reshape", fmt::format("{} left to move, {} in the new table, {} on the interim list{}",
-                                          count_of(reshape->left, "record"), thousands(reshape->moved),
+                {"  reshape", fmt::format("began {:.0f} s ago: {} left to move, {} in the new table, {} on the "
+                                          "interim list{}",
+                                          reshape->age, count_of(reshape->left, "record"), thousands(reshape->moved),
                                           count_of(reshape->interim, "change"),
                                           reshape->draining ? "; in its final check" : "")});
+        rows.push_back({"", "if its reshaper has died it stays so for good; this makes the store anew: shkvctl dump,"});
+        rows.push_back({"", "destroy --force, load --create"});
     }
     if (!rows.empty())
         fmt::print(out(), "\nunder way\n{}", table(rows));
@@ -166,7 +169,7 @@ int stat(const Args &args, const Context &ctx)
 {
     RawStore raw(dbname_of(args.uri));
     if (!raw.exists() || !raw.complete())
-        throw open_failure(args.uri, false, raw.exists() ? EINVAL : ENOENT, "");
+        check_readable(args.uri, raw); // throws
     Report report = look_at(raw);
     if (ctx.json) {
         print_json(json_report(raw, report));

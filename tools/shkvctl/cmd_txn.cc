@@ -25,8 +25,8 @@ int no_txn(const Args &args, const Context &ctx)
 
 int status(const Args &args, const Context &ctx)
 {
-    Store store(args.uri, Store::READ); // says why, when there is no such store
     RawStore raw(dbname_of(args.uri));
+    check_readable(args.uri, raw);
     std::optional<TxnStats> txn = txn_stats(raw);
     if (!txn)
         return no_txn(args, ctx);

@@ -13,9 +13,9 @@ const std::vector<const Command *> &commands()
     static const std::vector<const Command *> table = {
         &cmd_create,   &cmd_ls,      &cmd_stat,   &cmd_destroy, // stores
         &cmd_set,      &cmd_get,     &cmd_del,    &cmd_scan,    // records
-        &cmd_load,     &cmd_apply,   &cmd_txn,                  // many records
+        &cmd_load,     &cmd_dump,    &cmd_apply,  &cmd_txn,     // many records
         &cmd_set_opts, &cmd_reshape, &cmd_limits, &cmd_cleanup, &cmd_gc, // upkeep
-        &cmd_doctor,   &cmd_who,     &cmd_trace,                // diagnosis
+        &cmd_check,    &cmd_doctor,  &cmd_who,    &cmd_trace,   // diagnosis
     };
     return table;
 }

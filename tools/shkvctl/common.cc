@@ -9,6 +9,12 @@
 
 #include <nlohmann/json.hpp>
 
+std::string errno_name(int err)
+{
+    const char *name = strerrorname_np(err);
+    return name ? name : fmt::format("error {}", err);
+}
+
 std::string errno_words(int err)
 {
     switch (err) {
@@ -25,8 +31,8 @@ std::string errno_words(int err)
     case EINVAL:
         return "EINVAL, bad argument or refused";
     }
-    const char *name = strerrorname_np(err);
-    return name ? fmt::format("{}, {}", name, strerrordesc_np(err)) : fmt::format("error {}", err);
+    const char *words = strerrordesc_np(err);
+    return words ? fmt::format("{}, {}", errno_name(err), words) : errno_name(err);
 }
 
 static FILE *real_stdout = stdout;
@@ -54,10 +60,17 @@ void print_json(const Json &value)
     fmt::print(out(), "{}\n", value.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
+static const char *command_name;
+
+void name_command(const char *name)
+{
+    command_name = name;
+}
+
 void warn(const std::string &text)
 {
     fflush(out());
-    fmt::print(stderr, "shkvctl: {}\n", text);
+    fmt::print(stderr, "shkvctl{}{}: {}\n", command_name ? " " : "", command_name ? command_name : "", text);
 }
 
 std::atomic<bool> interrupted;

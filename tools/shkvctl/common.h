@@ -32,6 +32,7 @@ struct Failure : std::runtime_error {
     }
 };
 
+std::string errno_name(int err);  // "EINVAL"
 std::string errno_words(int err); // "EINVAL, bad argument or refused"
 
 // The process's standard output as the tool found it. Descriptor 1 itself leads nowhere from
@@ -44,7 +45,8 @@ template <typename... Args> void say(const Context &ctx, fmt::format_string<Args
         fmt::print(out(), text, std::forward<Args>(args)...);
 }
 void print_json(const Json &value); // one line
-void warn(const std::string &text); // "shkvctl: text" on standard error
+void warn(const std::string &text); // "shkvctl get: text" on standard error
+void name_command(const char *name);
 
 // Set by SIGINT and SIGTERM once catch_interrupts was called: a command that has something to
 // take back looks at it between two records.
@@ -64,6 +66,16 @@ inline shkv_buf buf_of(const std::string &bytes)
 std::string dbname_of(const std::string &uri); // throws when the uri names no store
 bool registry_exists();
 
+class RawStore;
+struct WalkSum;
+// Throws what keeps the store from being read, before the library comes near it: a store that is
+// damaged is to stay as it is, and opening one notes the failure in its trace ring.
+void check_readable(const std::string &uri, const RawStore &raw);
+Failure damage(const std::string &uri, const WalkSum &sum); // what a walk had to leave out
+
+// Throws before a store would refuse the record for its size.
+void check_sizes(const std::string &uri, const supernode &sn, const std::string &key, const std::string &value);
+
 // Why the store does not open, from what lies there; words are the library's own, for what that
 // does not tell.
 Failure open_failure(const std::string &uri, bool write, uint32_t err, const std::string &words);
@@ -73,7 +85,7 @@ Failure open_failure(const std::string &uri, bool write, uint32_t err, const std
 class Store
 {
   public:
-    enum Mode { READ, ITERATE, WRITE };
+    enum Mode { READ, WRITE };
 
     Store(const std::string &uri, Mode mode);
     Store(const std::string &uri, uint32_t uuid, uint32_t access_mode); // as another service
@@ -102,27 +114,15 @@ class Store
     bool lookup(const std::string &key, std::string *value) const;
     void add(const std::string &key, const std::string &value) const;
     bool remove(const std::string &key) const; // false: there was no such key
-    void check_sizes(const std::string &key,
-                     const std::string &value) const; // throws before a store would refuse
+    void check_sizes(const std::string &key, const std::string &value) const;
 
     // What an operation of this store that returned err means, and what to do.
     Failure failure(const std::string &doing, int err) const;
+    Failure lookup_failure(const std::string &key, int err) const;
 
   private:
     std::string uri_;
     int handle_ = 0;
-};
-
-// Steps through all records of an ITERATE or WRITE store.
-class Cursor
-{
-  public:
-    explicit Cursor(const Store &store);
-    bool next(std::string *key, std::string *value);
-
-  private:
-    const Store &store_;
-    std::string key_room_, val_room_;
 };
 
 // The library works out what this process may use at its first create; a tool that only opens

@@ -32,6 +32,7 @@ bool LineReader::next(std::string *line)
     while ((len = getline(&line_, &room_, in_)) >= 0) {
         number_++;
         bytes_ += (uint64_t)len;
+        raw_len_ = (size_t)len;
         if (len > 0 && line_[len - 1] == '\n')
             len--;
         line->assign(line_, (size_t)len);
@@ -83,9 +84,12 @@ static Record record_of_json(const LineReader &reader, const Json &obj, bool nee
 
 Record parse_record(const LineReader &reader, const std::string &line, Format format)
 {
-    if (format == Format::JSONL || (format == Format::AUTO && line[0] == '{'))
-        return record_of_json(reader, parse_object(reader, line), true);
     size_t tab = line.find('\t');
+    bool json = format == Format::JSONL || (format == Format::AUTO && line[0] == '{');
+    if (json && format == Format::AUTO && tab != std::string::npos) // a key may begin so, too
+        json = Json::accept(line);
+    if (json)
+        return record_of_json(reader, parse_object(reader, line), true);
     if (tab == std::string::npos)
         throw bad_line(reader, "no tab between key and value");
     Record rec;

@@ -17,6 +17,10 @@ class LineReader
     LineReader(const LineReader &) = delete;
 
     bool next(std::string *line); // without its end; empty lines are passed over
+    std::string_view raw() const // the line as it stands in the file, with its end
+    {
+        return {line_, raw_len_};
+    }
     uint64_t number() const
     {
         return number_;
@@ -35,7 +39,7 @@ class LineReader
     std::string path_;
     FILE *in_;
     char *line_ = nullptr;
-    size_t room_ = 0;
+    size_t room_ = 0, raw_len_ = 0;
     uint64_t number_ = 0, bytes_ = 0, total_ = 0;
 };
 

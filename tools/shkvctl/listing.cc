@@ -9,21 +9,23 @@
 
 #include "shkvctl/common.h"
 #include "shkvctl/procs.h"
-#include "shkvctl/raw_store.h"
+#include "shkvctl/raw_records.h"
 
 std::vector<Listed> registry_records()
 {
     std::vector<Listed> list;
-    if (!registry_exists())
+    RawStore registry(SHKV_REGISTRY_NAME);
+    if (!registry.complete())
         return list;
-    Store registry(SHKV_REGISTRY_NAME, Store::ITERATE);
-    Cursor cursor(registry);
-    for (std::string key, value; cursor.next(&key, &value);) {
+    WalkAll walk;
+    walk.visit = [&](const std::string &key, const std::string &value) {
         Listed store;
         store.uri = key;
         memcpy(&store.rec, value.data(), std::min(value.size(), sizeof store.rec));
         list.push_back(store);
-    }
+        return true;
+    };
+    walk_records(registry, walk);
     return list;
 }
 
@@ -62,6 +64,8 @@ std::string state_words(const RawStore &store)
     for (int kind : {OBJ_MD1, OBJ_MD2, OBJ_UD1, OBJ_UD2, OBJ_MD_TXN})
         if (store.object(kind).error)
             return std::string("lost ") + object_name(kind);
+    if (obstacle(store))
+        return "damaged";
     if (store.is(CF_DESTROYED))
         return "destroyed";
     if (store.is(CF_RESHAPE | MDO1N2 | MDN1O2))
@@ -74,7 +78,9 @@ std::string state_words(const RawStore &store)
         return "batch cut short";
     if (store.is(CF_RESH_TOKEN1 | CF_RESH_TOKEN2))
         return "reshape token held";
-    return store.is(CF_REFILL1 | CF_REFILL2) ? "rebuild pending" : "ok";
+    if (store.is(CF_REFILL1 | CF_REFILL2))
+        return "rebuild pending";
+    return store.dbname().ends_with(SHKV_IODB_SUFFIX) ? "undo log" : "ok";
 }
 
 std::string writer_words(const RawStore &store)

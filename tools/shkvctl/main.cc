@@ -3,6 +3,8 @@
 #include <signal.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
@@ -23,18 +25,23 @@ static void add_common_options(CLI::App &app, Context &ctx)
     app.set_help_flag("-h,--help", "Print this help");
 }
 
-static int report(const Context &ctx, const Failure &failure)
+static int report(const Context &ctx, const Command &command, const Failure &failure)
 {
     fflush(out());
     if (ctx.json) {
-        Json error = {{"error", failure.what()}};
-        if (failure.err)
+        Json error = {{"error", failure.what()}, {"command", command.name}};
+        if (failure.err) {
             error["errno"] = failure.err;
+            error["errno_name"] = errno_name(failure.err);
+        }
         if (!failure.hint.empty())
             error["hint"] = failure.hint;
         fmt::print(stderr, "{}\n", error.dump(-1, ' ', false, Json::error_handler_t::replace));
     } else {
-        warn(failure.what() + (failure.hint.empty() ? "" : "; " + failure.hint));
+        std::string what = failure.what();
+        if (failure.err && what.find(errno_name(failure.err)) == std::string::npos)
+            what += fmt::format(" ({})", errno_name(failure.err));
+        warn(what + (failure.hint.empty() ? "" : "; " + failure.hint));
     }
     return failure.exit_code;
 }
@@ -50,14 +57,19 @@ static int run(const Context &ctx, const Bound &chosen)
             throw Failure(EXIT_ERROR, errno, fmt::format("cannot write the output: {}", strerror(errno)));
         return exit_code;
     } catch (const Failure &failure) {
-        return report(ctx, failure);
+        return report(ctx, *chosen.command, failure);
     } catch (const std::exception &error) {
-        return report(ctx, Failure(EXIT_ERROR, 0, error.what()));
+        return report(ctx, *chosen.command, Failure(EXIT_ERROR, 0, error.what()));
     }
 }
 
-static int usage_error(const std::string &what, const char *command)
+static int usage_error(const Context &ctx, const std::string &what, const char *command)
 {
+    if (ctx.json) {
+        fmt::print(stderr, "{}\n",
+                   Json{{"error", what}, {"command", command}}.dump(-1, ' ', false, Json::error_handler_t::replace));
+        return EXIT_USAGE;
+    }
     warn(what);
     fmt::print(stderr, "see: shkvctl {}{}--help\n", command, *command ? " " : "");
     return EXIT_USAGE;
@@ -91,8 +103,9 @@ int main(int argc, char **argv)
     bool help = word == "help";
     const Command *command = find_command(help ? argv[2] : word);
     if (!command)
-        return usage_error(fmt::format("there is no command '{}'", help ? argv[2] : word), "");
+        return usage_error({}, fmt::format("there is no command '{}'", help ? argv[2] : word), "");
 
+    name_command(command->name);
     Context ctx;
     CLI::App app;
     Bound chosen = {command, &app, command->setup(app, ctx)};
@@ -104,7 +117,8 @@ int main(int argc, char **argv)
     } catch (const CLI::CallForHelp &) {
         return print_help(help_of(app, *command));
     } catch (const CLI::ParseError &error) {
-        return usage_error(parse_words(app, error), command->name);
+        ctx.json = std::find(argv + 1, argv + argc, std::string("--json")) != argv + argc; // parsed or not
+        return usage_error(ctx, parse_words(app, error), command->name);
     }
     return run(ctx, chosen);
 }

@@ -1,6 +1,8 @@
 // What a store's bytes say about it: tables and their chains, record space, what is under way.
 #include "shkvctl/raw_stats.h"
 
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -133,6 +135,9 @@ std::optional<ReshapeStats> reshape_stats(RawStore &store)
     if (!stats.published)
         return stats;
     int old_md = store.active_md(), old_ud = store.active_ud();
+    struct stat st; // its length was set when the reshape began, and stores through mappings leave no time
+    if (fstat(store.object(store.other_md()).fd, &st) == 0)
+        stats.age = std::max(0.0, difftime(time(nullptr), st.st_ctim.tv_sec));
     int new_ud = store.is(UDO1N2 | UDN1O2) ? store.other_ud() : old_ud;
     stats.left = walk_chains(store, old_md, link_of(old_md), old_ud).records;
     stats.moved = walk_chains(store, store.other_md(), link_of(store.other_md()), new_ud).records;

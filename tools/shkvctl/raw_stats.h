@@ -56,6 +56,7 @@ struct ReshapeStats {
     bool draining = false;
     uint64_t left = 0, moved = 0; // records in the old and the new table
     uint64_t interim = 0;         // changes on the interim list
+    double age = 0;               // seconds since the new objects were made; 0: not known
 };
 std::optional<ReshapeStats> reshape_stats(RawStore &store);
 

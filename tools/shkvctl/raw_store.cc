@@ -63,12 +63,25 @@ std::string RawStore::path(const std::string &dbname, int kind)
     return std::string(kind == OBJ_SN ? SHKV_DB_DIR : SHKV_MU_DIR) + "/" + dbname + suffixes[kind];
 }
 
+// Which pages of an object hold data. A read of a hole through a mapping would make the page, in
+// memory that is the store's; a hole is read through the descriptor instead, which makes nothing.
+static void find_data(RawObject *obj)
+{
+    uint64_t page = (uint64_t)sysconf(_SC_PAGESIZE);
+    obj->data.assign((obj->file + page - 1) / page, false);
+    for (off_t at = 0, end; (at = lseek(obj->fd, at, SEEK_DATA)) >= 0; at = end) {
+        end = lseek(obj->fd, at, SEEK_HOLE);
+        for (uint64_t p = (uint64_t)at / page; end > at && p < obj->data.size() && p * page < (uint64_t)end; p++)
+            obj->data[p] = true;
+        if (end <= at)
+            break;
+    }
+}
+
 RawStore::RawStore(const std::string &dbname) : dbname_(dbname)
 {
     install_guard();
-    for (int kind = OBJ_MD1; kind <= OBJ_MD_TXN; kind++)
-        map(kind);
-    read(OBJ_SN, 0, &sn_);
+    refresh();
 }
 
 RawStore::~RawStore()
@@ -96,6 +109,7 @@ void RawStore::map(int kind)
     }
     obj.base = static_cast<const uint8_t *>(base);
     obj.file = obj.size = (uint64_t)st.st_size;
+    find_data(&obj);
     if (kind == OBJ_SN) { // the trace ring fills its last page, past the end of the file
         uint64_t page = (uint64_t)sysconf(_SC_PAGESIZE);
         obj.size = (obj.file + page - 1) / page * page;
@@ -109,19 +123,32 @@ void RawStore::unmap(int kind)
         munmap(const_cast<uint8_t *>(obj.base), obj.size);
     obj.base = nullptr;
     obj.size = obj.file = 0;
+    obj.data.clear();
 }
 
+uint64_t RawStore::length_now(int kind) const
+{
+    struct stat st;
+    return objects_[kind].fd >= 0 && fstat(objects_[kind].fd, &st) == 0 ? (uint64_t)st.st_size : 0;
+}
+
+// An object is made longer before its descriptor says so: when no length has moved since the
+// mapping, the mappings cover what the supernode promises.
 void RawStore::refresh()
 {
-    for (int kind = OBJ_MD1; kind <= OBJ_MD_TXN; kind++) {
-        struct stat st;
-        if (objects_[kind].fd >= 0 && fstat(objects_[kind].fd, &st) == 0 &&
-            (uint64_t)st.st_size == objects_[kind].file)
-            continue;
-        unmap(kind);
-        map(kind);
+    for (int round = 0; round < 20; round++) {
+        bool moved = false;
+        for (int kind = OBJ_MD1; kind <= OBJ_MD_TXN; kind++) {
+            if (objects_[kind].fd >= 0 && length_now(kind) == objects_[kind].file)
+                continue;
+            unmap(kind);
+            map(kind);
+            moved |= objects_[kind].fd >= 0;
+        }
+        read(OBJ_SN, 0, &sn_);
+        if (round > 0 && !moved)
+            return;
     }
-    read(OBJ_SN, 0, &sn_);
 }
 
 bool RawStore::read(int kind, uint64_t off, void *dst, size_t len) const
@@ -129,6 +156,10 @@ bool RawStore::read(int kind, uint64_t off, void *dst, size_t len) const
     const RawObject &obj = objects_[kind];
     if (!obj.base || off > obj.size || len > obj.size - off)
         return false;
+    static const uint64_t page = (uint64_t)sysconf(_SC_PAGESIZE);
+    for (uint64_t p = off / page; len > 0 && p <= (off + len - 1) / page && p < obj.data.size(); p++)
+        if (!obj.data[p])
+            return pread(obj.fd, dst, len, (off_t)off) == (ssize_t)len;
     return guarded_copy(dst, obj.base + off, len);
 }
 

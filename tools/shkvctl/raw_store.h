@@ -19,6 +19,7 @@ struct RawObject {
     uint64_t size = 0; // readable bytes: the file's when it was mapped; of a supernode, whole pages
     uint64_t file = 0; // length of the file when it was mapped
     int error = 0;     // errno of the open, when there is no such object
+    std::vector<bool> data; // pages that held data when it was mapped; the others are read as they are
 };
 
 class RawStore
@@ -52,6 +53,7 @@ class RawStore
         return sn_;
     }
     void refresh();
+    uint64_t length_now(int kind) const; // of the file, 0 of one that is not there
 
     bool read(int kind, uint64_t off, void *dst, size_t len) const;
     template <typename T> bool read(int kind, uint64_t off, T *dst) const

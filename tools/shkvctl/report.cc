@@ -95,6 +95,8 @@ static void json_under_way(Json &all, const Report &report)
     if (const auto &reshape = report.reshape)
         all["reshape"] = {{"token_uuid", reshape->token},
                           {"published", reshape->published},
+                          {"draining", reshape->draining},
+                          {"age", reshape->age},
                           {"left", reshape->left},
                           {"moved", reshape->moved},
                           {"interim", reshape->interim}};

@@ -8,7 +8,7 @@
 
 #include "shkvctl/common.h"
 #include "shkvctl/procs.h"
-#include "shkvctl/raw_store.h"
+#include "shkvctl/raw_records.h"
 
 std::string dbname_of(const std::string &uri)
 {
@@ -86,31 +86,38 @@ static Failure no_store(const std::string &uri, const RawStore &raw)
     if (err != ENOENT)
         return {EXIT_ERROR, err, fmt::format("store '{}' cannot be read: {}", uri, strerror(err))};
     return {EXIT_ERROR, ENOENT, fmt::format("store '{}' does not exist", uri),
-            fmt::format("make it with: shkvctl create {}", uri)};
+            fmt::format("see all stores with: shkvctl ls; make it with: shkvctl create {}", uri)};
 }
 
-static std::optional<Failure> broken_store(const std::string &uri, const RawStore &raw)
+void check_readable(const std::string &uri, const RawStore &raw)
 {
-    std::string hint = fmt::format("remove what is left of it with: shkvctl destroy --force {}", uri);
-    if (!raw.complete())
-        return Failure(EXIT_ERROR, EINVAL,
-                       fmt::format("store '{}' is not complete: its creator died in the middle", uri), hint);
-    for (int kind : {OBJ_MD1, OBJ_MD2, OBJ_UD1, OBJ_UD2, OBJ_MD_TXN})
-        if (raw.object(kind).error)
-            return Failure(EXIT_ERROR, ENOENT,
-                           fmt::format("store '{}' has lost its object {} ({})", uri, object_name(kind),
-                                       RawStore::path(raw.dbname(), kind)),
-                           hint);
-    return std::nullopt;
+    if (!raw.exists())
+        throw no_store(uri, raw);
+    auto found = obstacle(raw);
+    if (!found)
+        return;
+    std::string save = found->readable ? fmt::format("save what can be read with: shkvctl dump {} FILE; ", uri) : "";
+    throw Failure(EXIT_ERROR, found->err, fmt::format("store '{}' {}", uri, found->words),
+                  save + fmt::format("remove it with: shkvctl destroy --force {}", uri));
+}
+
+Failure damage(const std::string &uri, const WalkSum &sum)
+{
+    std::string what = sum.damaged ? count_of(sum.damaged, "damaged record") : "";
+    if (sum.cut_chains)
+        what += (what.empty() ? "the rest of " : " and the rest of ") + count_of(sum.cut_chains, "broken chain");
+    return {EXIT_ERROR, EINVAL, fmt::format("store '{}': left out {}; the first: {}", uri, what, sum.fault),
+            fmt::format("see: shkvctl check {}", uri)};
 }
 
 Failure open_failure(const std::string &uri, bool write, uint32_t err, const std::string &words)
 {
     RawStore raw(dbname_of(uri));
-    if (!raw.exists())
-        return no_store(uri, raw);
-    if (auto broken = broken_store(uri, raw))
-        return *broken;
+    try {
+        check_readable(uri, raw);
+    } catch (const Failure &failure) {
+        return failure;
+    }
     const supernode &sn = raw.sn();
     if (write && raw.is(MDO1N2 | MDN1O2))
         return {EXIT_ERROR, (int)err, fmt::format("store '{}' is being reshaped and takes no new writer", uri),
@@ -135,15 +142,13 @@ Failure open_failure(const std::string &uri, bool write, uint32_t err, const std
 
 Store::Store(const std::string &uri, Mode mode)
     : Store(uri, UUID_NONE,
-            mode == WRITE     ? SHKV_AM_WRITE
-            : mode == ITERATE ? SHKV_AM_READ | SHKV_AM_ITER
-                              : SHKV_AM_READ)
+            mode == WRITE ? SHKV_AM_WRITE : SHKV_AM_READ)
 {
 }
 
 Store::Store(const std::string &uri, uint32_t uuid, uint32_t access_mode) : uri_(uri)
 {
-    dbname_of(uri);
+    check_readable(uri, RawStore(dbname_of(uri)));
     bool write = (access_mode & (SHKV_AM_WRITE | SHKV_AM_WPROT)) != 0;
     if (write)
         work_out_limits();
@@ -191,33 +196,48 @@ Failure Store::failure(const std::string &doing, int err) const
     return {EXIT_ERROR, err, fmt::format("{}: cannot {}: {}", name, doing, errno_words(err))};
 }
 
+Failure Store::lookup_failure(const std::string &key, int err) const
+{
+    Failure other = failure(fmt::format("look up '{}'", escape(key)), err);
+    if ((err != EINVAL && err != ENOMEM) || (sn().comm_flg & CF_DESTROYED))
+        return other;
+    return {EXIT_ERROR, err, fmt::format("store '{}': the record or the chain of '{:.40}' is damaged ({})", uri_,
+                                         escape(key), errno_words(err)),
+            fmt::format("see: shkvctl check {}", uri_)};
+}
+
 bool Store::lookup(const std::string &key, std::string *value) const
 {
     value->resize(UINT16_MAX);
     shkv_buf k = buf_of(key), v = buf_of(*value);
     int err = shkv_lookup(handle_, &k, &v);
     if (err != 0 && err != ENOENT)
-        throw failure(fmt::format("look up '{}'", escape(key)), err);
+        throw lookup_failure(key, err);
     value->resize(err == 0 ? v.len : 0);
     return err == 0;
 }
 
-void Store::check_sizes(const std::string &key, const std::string &value) const
+void check_sizes(const std::string &uri, const supernode &sn, const std::string &key, const std::string &value)
 {
-    bool fixed = (sn().conf_flg & CONF_MM_MASK) == CONF_FIXEDMM;
-    uint32_t key_max = fixed ? sn().maxksz : MAX_KEY, val_max = fixed ? sn().maxvsz : MAX_VALUE;
+    bool fixed = (sn.conf_flg & CONF_MM_MASK) == CONF_FIXEDMM;
+    uint32_t key_max = fixed ? sn.maxksz : MAX_KEY, val_max = fixed ? sn.maxvsz : MAX_VALUE;
     if (key.empty())
         throw Failure(EXIT_ERROR, EINVAL, "a key has at least one byte");
     if (key.size() > key_max)
         throw Failure(EXIT_ERROR, EINVAL,
                       fmt::format("key '{:.40}' has {}, and store '{}' takes {} at most", escape(key),
-                                  count_of(key.size(), "byte"), uri_, key_max),
+                                  count_of(key.size(), "byte"), uri, key_max),
                       fixed ? "the store has records of fixed size; see create --vector and --key-max" : "");
     if (value.size() > val_max)
         throw Failure(EXIT_ERROR, EINVAL,
                       fmt::format("the value of '{:.40}' has {}, and store '{}' takes {} at most", escape(key),
-                                  count_of(value.size(), "byte"), uri_, val_max),
+                                  count_of(value.size(), "byte"), uri, val_max),
                       fixed ? "the store has records of fixed size; see create --vector and --value-max" : "");
+}
+
+void Store::check_sizes(const std::string &key, const std::string &value) const
+{
+    ::check_sizes(uri_, sn(), key, value);
 }
 
 void Store::add(const std::string &key, const std::string &value) const
@@ -236,40 +256,4 @@ bool Store::remove(const std::string &key) const
     if (err != 0 && err != ENOENT)
         throw failure(fmt::format("delete '{}'", escape(key)), err);
     return err == 0;
-}
-
-Cursor::Cursor(const Store &store) : store_(store), key_room_(MAX_KEY, 0), val_room_(UINT16_MAX, 0)
-{
-    int err = shkv_iterate(store.handle(), nullptr, nullptr, nullptr, 1);
-    if (err == EINVAL && (store.sn().comm_flg & CF_RESHAPE))
-        throw Failure(EXIT_ERROR, err,
-                      fmt::format("store '{}' is being reshaped and cannot be read through", store.uri()),
-                      "single keys can be read; try again when the reshape is over");
-    if (err != 0)
-        throw store.failure("read through it", err);
-}
-
-bool Cursor::next(std::string *key, std::string *value)
-{
-    int err = 0;
-    // A record that a writer replaces at this moment may fail its check once; the cursor stays.
-    for (int round = 0; round < 100; round++) {
-        shkv_buf k = buf_of(key_room_), v = buf_of(val_room_);
-        err = shkv_iterate(store_.handle(), &k, &v, nullptr, 0);
-        if (err == 0) {
-            key->assign(key_room_, 0, k.len);
-            value->assign(val_room_, 0, v.len);
-            return true;
-        }
-        if (err != EINVAL || (store_.sn().comm_flg & CF_RESHAPE))
-            break;
-        usleep(100);
-    }
-    if (err == ENOENT)
-        return false;
-    if (store_.sn().comm_flg & CF_RESHAPE)
-        throw Failure(EXIT_ERROR, err,
-                      fmt::format("a reshape of store '{}' has begun, and ends this scan", store_.uri()),
-                      "try again when it is over");
-    throw store_.failure("read on: the next record is damaged", err);
 }

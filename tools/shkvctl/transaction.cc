@@ -3,23 +3,25 @@
 
 #include <errno.h>
 
-Failure txn_is_open(const Store &store)
+Failure txn_is_open(const std::string &uri)
 {
     return {
-        EXIT_ERROR, EEXIST, fmt::format("store '{}' has a transaction open already", store.uri()),
-        fmt::format("look at it with: shkvctl txn status {0}; end it with: shkvctl txn commit {0}, or abort",
-                    store.uri())};
+        EXIT_ERROR, EEXIST, fmt::format("store '{}' has a transaction open already", uri),
+        fmt::format("look at it with: shkvctl txn status {0}; end it with: shkvctl txn commit {0}, or abort", uri)};
+}
+
+Failure no_txn_here(const std::string &uri)
+{
+    return {EXIT_ERROR, EBADF, fmt::format("store '{}' allows several writers, and so has no transactions", uri)};
 }
 
 void start_txn(const Store &store, uint32_t keys)
 {
     if (store.in_txn())
-        throw txn_is_open(store);
+        throw txn_is_open(store.uri());
     int err = shkv_txn_start(store.handle(), &keys);
     if (err == EBADF && (store.sn().conf_flg & CONF_MULTIWR))
-        throw Failure(
-            EXIT_ERROR, err,
-            fmt::format("store '{}' allows several writers, and so has no transactions", store.uri()));
+        throw no_txn_here(store.uri());
     if (err != 0)
         throw store.failure("open a transaction", err);
 }

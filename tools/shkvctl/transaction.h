@@ -19,4 +19,5 @@ class Transaction
 void start_txn(const Store &store, uint32_t keys); // one that stays open; throws when it cannot be
 
 // A store with an open transaction takes no second one; says whose turn it is.
-Failure txn_is_open(const Store &store);
+Failure txn_is_open(const std::string &uri);
+Failure no_txn_here(const std::string &uri); // it allows several writers
