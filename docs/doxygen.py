@@ -63,6 +63,7 @@ def page(text):
         return words
 
     text = re.sub(r"(?<!!)\[([^\]]*)\]\(([^)\s]+)\)", link, text)
+    text = text.replace("](docs/plots/", "](plots/")
     return re.sub(r"^<!-- .* -->\n", "", text, flags=re.M)
 
 
