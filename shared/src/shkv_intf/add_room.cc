@@ -25,7 +25,7 @@ static void postpone_rebuild(supernode *sn, uint32_t flg)
 
 static int grow_space(shkv_head *head, void *ring_p)
 {
-    refill_tm_limit = head->sn->rz_tm_chk;
+    refill_tm_limit = get16(&head->sn->rz_tm_chk);
     refill_tm_start = cycles();
     int result = shkv_resize_ud(head, ring_p);
     if (result == ENOMEM)
@@ -66,7 +66,7 @@ int add_make_room(shkv_head *head, uint32_t flg, bool locked, void *ring_p)
         out_of_actual_mem = 0;
         return fail(nullptr, 0, 0, ENOMEM, "shkv_add out of actual mem.");
     }
-    if (head->sn->auto_rz == 0 || (head->access_mode & SHKV_AM_RESHAPE) || (flg & CF_RESHAPE))
+    if (get32(&head->sn->auto_rz) == 0 || (head->access_mode & SHKV_AM_RESHAPE) || (flg & CF_RESHAPE))
         return ENOMEM;
     return locked ? grow_locked(head, flg, ring_p) : grow_under_lock(head, flg, ring_p);
 }

@@ -68,7 +68,7 @@ bool time_is_up(const refill_op *op_p, uint32_t moved, uint64_t *usec_p)
     if (refill_tm_limit == 0 || moved % 50 != 1)
         return false;
     *usec_p = timer_diff_cycle_in_usec(cycles(), refill_tm_start);
-    return *usec_p > 999999 || op_p->head->sn->rz_tm_chk < *usec_p % 1000000;
+    return *usec_p > 999999 || get16(&op_p->head->sn->rz_tm_chk) < *usec_p % 1000000;
 }
 
 void pause_at(const refill_op *op_p, uint32_t next, uint32_t moved, uint64_t usec)
