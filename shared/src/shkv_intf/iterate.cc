@@ -331,7 +331,7 @@ QUICK_INLINE int quick_iterate(int handle, shkv_buf *key, shkv_buf *val, shkv_it
     key->len = key_sz;
     val->len = val_sz;
     if (pos)
-        *pos = {view_p->flg, off, bkt, ordinal};
+        *pos = {get32(&head->sn->comm_flg), off, bkt, ordinal};
     head->iter_off = next;
     head->iter_bkt = bkt;
     head->iter_cnt = ordinal;
