@@ -119,7 +119,7 @@ static int read_on(const kv &store, const volatile uint32_t *done_p, bool lite)
 }
 
 // Mappings are exchanged under threads that share a handle, the writer's own and a reader's in another
-// process: none of them is killed, and none misses a key.
+// process, and the table of a transaction comes and goes: none of them is killed, and none misses a key.
 TEST(growth, threads_that_share_a_handle_stand_through_it)
 {
     shkv_max_db_sz = shkv_memory_limit_process = 0x40000000u;
@@ -147,6 +147,11 @@ TEST(growth, threads_that_share_a_handle_stand_through_it)
         std::thread own([&] { EXPECT_EQ(read_in_threads(store), 0); });
         for (uint32_t at = 50; at < 40000; at++)
             ASSERT_EQ(store.add(key_no(at), key_no(at)), 0) << at;
+        for (int no = 0; no < 1000; no++) {
+            ASSERT_EQ(shkv_txn_start(store.handle, nullptr), 0);
+            ASSERT_EQ(store.add(key_no(no % 50), key_no(no % 50)), 0);
+            ASSERT_EQ(no % 3 ? shkv_txn_commit(store.handle, nullptr) : shkv_txn_abort(store.handle), 0);
+        }
         shared->done = 1;
         own.join();
         EXPECT_EQ(end_of(reader), 0);

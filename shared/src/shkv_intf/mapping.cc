@@ -13,7 +13,8 @@
 
 struct old_mapping {
     void *base_p; // null: a free place
-    size_t sz;
+    void *const *of_pp; // where its address stood
+    uint32_t sz;
     uint64_t tsc; // when it was replaced
 };
 
@@ -39,7 +40,7 @@ void mapping_drop_old(const shkv_head *head)
 }
 
 // A free place, or that of the oldest.
-static void let_wait_locked(old_mapping *olds, void *base_p, size_t sz)
+static void let_wait_locked(old_mapping *olds, void *base_p, void *const *of_pp, uint32_t sz)
 {
     old_mapping *place_p = olds;
     uint64_t now = cycles();
@@ -51,11 +52,11 @@ static void let_wait_locked(old_mapping *olds, void *base_p, size_t sz)
     }
     if (place_p->base_p)
         drop(place_p);
-    *place_p = {base_p, sz, now};
+    *place_p = {base_p, of_pp, sz, now};
 }
 
 // A head that is not in the table yet, or no more, is looked at by one thread alone.
-static void let_wait(const shkv_head *head, void *base_p, size_t sz)
+static void let_wait(const shkv_head *head, void *base_p, void *const *of_pp, uint32_t sz)
 {
     int handle = handle_of(head);
     if (!base_p || base_p == MAP_FAILED)
@@ -65,7 +66,7 @@ static void let_wait(const shkv_head *head, void *base_p, size_t sz)
         return;
     }
     pthread_mutex_lock(&old_mutex);
-    let_wait_locked(old_mappings[handle - 1], base_p, sz);
+    let_wait_locked(old_mappings[handle - 1], base_p, of_pp, sz);
     pthread_mutex_unlock(&old_mutex);
 }
 
@@ -82,7 +83,41 @@ void mapping_give_up(shkv_head *head, void **base_pp, uint32_t *size_p)
     void *old_p = *base_pp;
     uint32_t old_sz = *size_p;
     store_pair(base_pp, size_p, nullptr, 0);
-    let_wait(head, old_p, old_sz);
+    let_wait(head, old_p, base_pp, old_sz);
+}
+
+void mapping_blank(shkv_head *head, void **base_pp, uint32_t *size_p)
+{
+    if (*base_pp && *base_pp != MAP_FAILED)
+        mmap(*base_pp, *size_p, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    mapping_give_up(head, base_pp, size_p);
+}
+
+static void *take_back(const shkv_head *head, void *const *of_pp, uint32_t sz)
+{
+    int handle = handle_of(head);
+    void *base_p = nullptr;
+    pthread_mutex_lock(&old_mutex);
+    for (old_mapping &old : old_mappings[handle ? handle - 1 : 0])
+        if (handle && !base_p && old.base_p && old.of_pp == of_pp && old.sz == sz) {
+            base_p = old.base_p;
+            old.base_p = nullptr;
+        }
+    pthread_mutex_unlock(&old_mutex);
+    return base_p;
+}
+
+bool mapping_unblank(const shkv_head *head, void **base_pp, uint32_t *size_p, int fd, uint32_t sz, int prot)
+{
+    void *base_p = take_back(head, base_pp, sz);
+    if (!base_p)
+        return false;
+    if (mmap(base_p, sz, prot, MAP_SHARED | MAP_FIXED, fd, 0) == MAP_FAILED) {
+        let_wait(head, base_p, base_pp, sz);
+        return false;
+    }
+    store_pair(base_pp, size_p, base_p, sz);
+    return true;
 }
 
 static void *map_object(int fd, uint32_t sz, int prot)
@@ -102,6 +137,6 @@ bool mapping_replace(shkv_head *head, void **base_pp, uint32_t *size_p, int fd, 
     void *old_p = *base_pp;
     uint32_t old_sz = *size_p;
     store_pair(base_pp, size_p, base_p, sz);
-    let_wait(head, old_p, old_sz);
+    let_wait(head, old_p, base_pp, old_sz);
     return true;
 }

@@ -19,6 +19,13 @@ bool mapping_replace(shkv_head *head, void **base_pp, uint32_t *size_p, int fd, 
 // Leaves null and 0 in its place.
 void mapping_give_up(shkv_head *head, void **base_pp, uint32_t *size_p);
 
+// The same for a table whose object is about to be cut, MD_TXN: who stands on it finds empty buckets
+// there and not a fault. And back to a mapping of fd at the same address, if the last one was of this
+// size and still waits: thousands of transactions a second would else have the other old mappings out
+// before their time.
+void mapping_blank(shkv_head *head, void **base_pp, uint32_t *size_p);
+bool mapping_unblank(const shkv_head *head, void **base_pp, uint32_t *size_p, int fd, uint32_t sz, int prot);
+
 // Unmaps what still waits, at the end of a handle.
 void mapping_drop_old(const shkv_head *head);
 

@@ -25,7 +25,7 @@
 // thread may look a key up in it.
 static void unmap_table(shkv_head *head)
 {
-    mapping_give_up(head, (void **)&head->md_txn.base, &head->md_txn.mapped_sz);
+    mapping_blank(head, (void **)&head->md_txn.base, &head->md_txn.mapped_sz);
 }
 
 // First touches of sparse pages: 0 when there is no memory behind one of them.
@@ -67,7 +67,9 @@ int txn_table_make(shkv_head *head, uint32_t hashsz)
         return fail(nullptr, 0, 0, err, "%s: fd:%d, failed to ftruncate obj shm,errno:%d", "shkv_txn_start",
                     rec->fd, err);
     }
-    if (!mapping_replace(head, (void **)&rec->base, &rec->mapped_sz, rec->fd, sz, PROT_READ | PROT_WRITE)) {
+    void **base_pp = (void **)&rec->base;
+    if (!mapping_unblank(head, base_pp, &rec->mapped_sz, rec->fd, sz, PROT_READ | PROT_WRITE) &&
+        !mapping_replace(head, base_pp, &rec->mapped_sz, rec->fd, sz, PROT_READ | PROT_WRITE)) {
         rec->base = (mdn *)MAP_FAILED; // with a size of 0: no table. Intended
         return fail(nullptr, 0, 0, ENOMEM, "fd %d failed to mmap obj shm:%d", rec->fd, errno);
     }
