@@ -276,5 +276,9 @@ init {
         key[2] = GUEST; low[2] = 2; high[2] = 2; sum[2] = 4; used[2] = true; keyof[2] = GUEST;
         first[0] = 2; NEXT(0, 2) = 1
     }
+#ifdef ONLY
+    atomic { run writer(); run reader(ONLY) }
+#else
     atomic { run writer(); run reader(KEEP); run reader(GUEST) }
+#endif
 }

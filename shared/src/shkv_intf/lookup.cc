@@ -264,7 +264,7 @@ static int look_at_interim(const lookup_op *op_p)
 static int look_at_table(const lookup_op *op_p, const active_db *db_p, const ud_map *ud)
 {
     const md_rec *rec = db_p->rec;
-    shkv_hash_fn hash_fn = rec ? rec->hash_fn : nullptr;
+    shkv_hash_fn hash_fn = rec ? bound_fn(rec) : nullptr;
     if (!hash_fn)
         return fail(op_p->ring_p, 0x74, (uint32_t)op_p->handle, EINVAL,
                     "shkv_lookup, hashfunc is not inited, shkvh:%d", op_p->handle);

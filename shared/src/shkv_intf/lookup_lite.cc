@@ -43,7 +43,7 @@ static int look(shkv_head *head, int shkvh, const shkv_buf *key, shkv_buf *value
     const md_desc *desc = flg & CF_MD1 ? &sn->md1 : &sn->md2;
     const md_rec *rec = flg & CF_MD1 ? &head->md1 : &head->md2;
     const ud_map *ud = head->ud1_map;
-    shkv_hash_fn hash_fn = rec->hash_fn;
+    shkv_hash_fn hash_fn = bound_fn(rec);
     if (!hash_fn)
         return fail(ring_p, 0x75, (uint32_t)shkvh, EINVAL, "shkv_lookup, hashfunc is not inited, shkvh:%d\n",
                     shkvh);

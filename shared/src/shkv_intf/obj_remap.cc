@@ -54,13 +54,13 @@ static int bind_by_desc(shkv_head *head, const md_desc *desc_p, md_rec *rec_p)
     // What the table's last contents were hashed with is not what these are.
     if (hashfn == SHKV_USER_HASHFN && rec_p->hash_fn && user_hash &&
         rec_p->hash_fn(SHKV_HASH_TEST, SHKV_HASH_TEST_LEN) != user_hash)
-        rec_p->hash_fn = nullptr;
+        __atomic_store_n(&rec_p->hash_fn, nullptr, __ATOMIC_RELAXED);
     if (hashfn == SHKV_USER_HASHFN && !rec_p->hash_fn)
         return fail(ring_of(head->sn), 0x45, hashfn, 0,
                     "shkv_remap_mdobj,                 new user-hashfn used, the db has                 to be "
                     "reopened");
     if (hashfn < HASH_FN_CNT)
-        rec_p->hash_fn = shkv_hash_matrix[hashfn];
+        __atomic_store_n(&rec_p->hash_fn, shkv_hash_matrix[hashfn], __ATOMIC_RELAXED);
     return 1;
 }
 

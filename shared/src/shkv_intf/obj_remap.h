@@ -13,17 +13,23 @@ int shkv_remap_mdobj(shkv_head *head, int obj_t, int prot, uint32_t *err_p);
 int remap_stale(shkv_head *head, uint32_t flg, int handle, int prot, void *ring_p)
     __attribute__((cold, noinline));
 
+// The function of a table, which another thread of the handle may bind in this moment.
+static inline shkv_hash_fn bound_fn(const md_rec *rec_p)
+{
+    return __atomic_load_n(&rec_p->hash_fn, __ATOMIC_RELAXED);
+}
+
 // In step, and bound to a hash function: a table that was being built when the store was opened is
 // not.
 static inline bool md_in_step(const md_desc *desc_p, const md_rec *rec_p)
 {
-    return get32(&desc_p->obj_ver) == rec_p->ver && rec_p->hash_fn;
+    return get32(&desc_p->obj_ver) == get32(&rec_p->ver) && bound_fn(rec_p);
 }
 
 // A creator's head has no table of UD2 until it needs one.
 static inline bool ud_in_step(const ud_desc *desc_p, const ud_map *map_p)
 {
-    return map_p && get32(&desc_p->obj_ver) == map_p->ver;
+    return map_p && get32(&desc_p->obj_ver) == get32(&map_p->ver);
 }
 
 // The check on the way into every operation, for the objects in force in the snapshot flg. 0, also

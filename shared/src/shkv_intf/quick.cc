@@ -6,6 +6,7 @@
 #include "shkv_intf/addr.h"
 #include "shkv_intf/guard.h"
 #include "shkv_intf/mapping.h"
+#include "shkv_intf/obj_remap.h"
 
 #define UNIT_LINK_SZ 4u // unit_next, ahead of the payload of a further unit
 #define UNIT_ROOM (VEC_UNIT_SZ - UNIT_LINK_SZ)
@@ -50,7 +51,7 @@ static bool fill_view(shkv_head *head, quick_view *view_p)
     active_db db = {}, none = {};
     get_active_db(&db, &none, head, flg);
     const ud_desc *ud_desc_p = flg & CF_UD1 ? &sn->ud1 : &sn->ud2;
-    if (!db.ud || !db.rec->hash_fn)
+    if (!db.ud || !bound_fn(db.rec))
         return false;
     view_p->flg = flg;
     view_p->md_ver = get32(&db.rec->ver); // stored after what it vouches for
@@ -64,7 +65,7 @@ static bool fill_view(shkv_head *head, quick_view *view_p)
     uint32_t md_sz;
     view_p->md_base = md_mapped(db.rec, &md_sz);
     view_p->ud_base = ud_mapped(db.ud, &view_p->limit);
-    view_p->hash_fn = db.rec->hash_fn == dekhash ? nullptr : db.rec->hash_fn;
+    view_p->hash_fn = bound_fn(db.rec) == dekhash ? nullptr : bound_fn(db.rec);
     if (!view_p->md_base || !view_p->ud_base || view_p->limit < QUICK_MIN_SZ || view_p->hashsz == 0 ||
         view_p->hashsz > md_sz / sizeof(mdn))
         return false;
