@@ -88,17 +88,38 @@ struct Damage {
 const Damage damages[] = {
     {"none", [](const char *) {}, "^none: ok, 300 records", 0},
     {"magic", [](const char *s) { poke_word(s, OBJ_SN, 0, 7); }, "incomplete \\(magic words 0x7", 3},
-    {"half", [](const char *s) { poke(s, OBJ_SN, 0, std::string(sizeof(supernode), 0).data(), sizeof(supernode)); },
+    {"half",
+     [](const char *s) { poke(s, OBJ_SN, 0, std::string(sizeof(supernode), 0).data(), sizeof(supernode)); },
      "incomplete \\(magic words 0x0", 3},
-    {"short", [](const char *s) { char p[300]; EXPECT_EQ(truncate(object(OBJ_SN, s, p), 100), 0); }, "100 bytes long", 3},
-    {"cut", [](const char *s) { char p[300]; EXPECT_EQ(truncate(object(OBJ_UD1, s, p), 9000), 0); },
+    {"short",
+     [](const char *s) {
+         char p[300];
+         EXPECT_EQ(truncate(object(OBJ_SN, s, p), 100), 0);
+     },
+     "100 bytes long", 3},
+    {"cut",
+     [](const char *s) {
+         char p[300];
+         EXPECT_EQ(truncate(object(OBJ_UD1, s, p), 9000), 0);
+     },
      "UD1: 9000 bytes long", 3},
-    {"lost", [](const char *s) { char p[300]; EXPECT_EQ(unlink(object(OBJ_MD1, s, p)), 0); }, "MD1: 0 bytes long", 3},
-    {"spare", [](const char *s) { char p[300]; EXPECT_EQ(unlink(object(OBJ_UD2, s, p)), 0); }, "ok, 300", 3},
+    {"lost",
+     [](const char *s) {
+         char p[300];
+         EXPECT_EQ(unlink(object(OBJ_MD1, s, p)), 0);
+     },
+     "MD1: 0 bytes long", 3},
+    {"spare",
+     [](const char *s) {
+         char p[300];
+         EXPECT_EQ(unlink(object(OBJ_UD2, s, p)), 0);
+     },
+     "ok, 300", 3},
     {"space", [](const char *s) { noise(s, OBJ_UD1, 4096, 8192); }, "UD1|does not hold together", 3},
     {"header", [](const char *s) { noise(s, OBJ_UD1, 0, 256); }, "UD1: bad magic words", 0},
     {"table", [](const char *s) { noise(s, OBJ_MD1, 800, 1600); }, "which is no node of UD1", 3},
-    {"flags", [](const char *s) { poke_word(s, OBJ_SN, offsetof(supernode, comm_flg), 0); }, "not exactly one table", 3},
+    {"flags", [](const char *s) { poke_word(s, OBJ_SN, offsetof(supernode, comm_flg), 0); },
+     "not exactly one table", 3},
     {"sum",
      [](const char *s) {
          uint32_t record = 0;
@@ -113,13 +134,20 @@ const Damage damages[] = {
          poke_word(s, OBJ_UD1, record + offsetof(udn, md1_next), record);
      },
      "is used already|repeats a key", 3},
-    {"noise", [](const char *s) { for (int k = OBJ_MD1; k <= OBJ_UD1; k++) if (k != OBJ_MD2) noise(s, k, 0, 3000); }, "UD1", 3},
+    {"noise",
+     [](const char *s) {
+         for (int k = OBJ_MD1; k <= OBJ_UD1; k++)
+             if (k != OBJ_MD2)
+                 noise(s, k, 0, 3000);
+     },
+     "UD1", 3},
 };
 
 TEST(shkvctl_damage, is_found_and_explained_and_no_reader_writes)
 {
     ASSERT_TRUE(remount_shm("256m"));
-    sh("seq 300 | sed 's/.*/k&\\tv&/' > /dev/shm/in; echo '{\"op\":\"set\",\"key\":\"k1\",\"value\":\"\"}' > /dev/shm/ch");
+    sh("seq 300 | sed 's/.*/k&\\tv&/' > /dev/shm/in; echo '{\"op\":\"set\",\"key\":\"k1\",\"value\":\"\"}' > "
+       "/dev/shm/ch");
     for (const Damage &damage : damages) {
         SCOPED_TRACE(damage.name);
         sh(fmt::format("shkvctl create {0} --entries 300 -q && shkvctl load {0} /dev/shm/in -q", damage.name));
@@ -138,8 +166,10 @@ TEST(shkvctl_damage, is_found_and_explained_and_no_reader_writes)
                                                       {"apply {} --dry-run /dev/shm/ch", -1},
                                                       {"check {} --json", -1}};
         for (auto [line, want] : lines) {
-            std::string output = run("!timeout 20 shkvctl " + fmt::format(fmt::runtime(line), damage.name), &exit_code);
-            EXPECT_TRUE(want == -1 ? exit_code <= 3 : exit_code == want) << line << ": " << exit_code << "\n" << output;
+            std::string output =
+                run("!timeout 20 shkvctl " + fmt::format(fmt::runtime(line), damage.name), &exit_code);
+            EXPECT_TRUE(want == -1 ? exit_code <= 3 : exit_code == want) << line << ": " << exit_code << "\n"
+                                                                         << output;
             bool named = output.find(fmt::format("'{}'", damage.name)) != std::string::npos;
             EXPECT_TRUE(exit_code != 3 || named || line[0] == 'c') << line << "\n" << output;
         }
@@ -151,7 +181,8 @@ TEST(shkvctl_damage, is_found_and_explained_and_no_reader_writes)
     EXPECT_EQ(exit_code, 3);
     std::string list = run("ls --records", &exit_code);
     EXPECT_EQ(exit_code, 0);
-    EXPECT_TRUE(std::regex_search(list, std::regex("cut .* damaged\n(.|\n)*half .* not complete\n(.|\n)*lost .* lost MD1\n")))
+    EXPECT_TRUE(std::regex_search(
+        list, std::regex("cut .* damaged\n(.|\n)*half .* not complete\n(.|\n)*lost .* lost MD1\n")))
         << list;
     run("limits", &exit_code);
     run("cleanup 0 --dry-run", &exit_code);
@@ -172,7 +203,8 @@ TEST(shkvctl_damage, costs_a_dump_the_damaged_record_and_no_other)
     poke("s", OBJ_UD1, record + UDN_HEAD_SZ + 1, "#", 1);
     go_on({{"dump s /dev/shm/d", 3, "~^dumped 99 records of store 's', exact(.|\n)*left out 1 damaged record"},
            {"load t /dev/shm/d --create", 0, "~^loaded 99 records"},
-           {"!shkvctl scan t --keys | sed s/k// | sort -n > /dev/shm/t; seq 100 | diff - /dev/shm/t | wc -l", 0, "2\n"}});
+           {"!shkvctl scan t --keys | sed s/k// | sort -n > /dev/shm/t; seq 100 | diff - /dev/shm/t | wc -l", 0,
+            "2\n"}});
 }
 
 // Keys and values of all bytes, long and short.
@@ -214,15 +246,19 @@ TEST(shkvctl_dump, comes_back_byte_for_byte)
                 EXPECT_EQ(shkv_add(handle, &k, &v, 0), 0);
             }
         });
-        go_on({{"dump s --exact", 3, "~has a writer"},
-               {fmt::format("dump s /dev/shm/d --format {}", each.format).c_str(), 0, "~exact: nobody changed"}});
+        go_on(
+            {{"dump s --exact", 3, "~has a writer"},
+             {fmt::format("dump s /dev/shm/d --format {}", each.format).c_str(), 0, "~exact: nobody changed"}});
         writer.kill_it();
-        std::string sum = sh("head -n -1 /dev/shm/d | sha256sum | cut -d' ' -f1"), end = sh("tail -1 /dev/shm/d");
+        std::string sum = sh("head -n -1 /dev/shm/d | sha256sum | cut -d' ' -f1"),
+                    end = sh("tail -1 /dev/shm/d");
         EXPECT_NE(end.find(sum.substr(0, 64)), std::string::npos) << end << sum;
         go_on({{"load t /dev/shm/d --create -q", 0, ""},
-               {fmt::format("dump t /dev/shm/e --exact --format {}", each.format).c_str(), 0, "~held the writer's place"},
+               {fmt::format("dump t /dev/shm/e --exact --format {}", each.format).c_str(), 0,
+                "~held the writer's place"},
                // Head and end aside, which name the store and the manner.
-               {"!for f in d e; do sed '1d;$d' /dev/shm/$f | sort > /dev/shm/$f.s; done; cmp /dev/shm/d.s /dev/shm/e.s && "
+               {"!for f in d e; do sed '1d;$d' /dev/shm/$f | sort > /dev/shm/$f.s; done; cmp /dev/shm/d.s "
+                "/dev/shm/e.s && "
                 "head -1 /dev/shm/d | sed 's/\"s\"/\"t\"/' | cmp - /dev/shm/e -n 60",
                 0, ""},
                {"check t", 0, fmt::format("t: ok, {} records\n", all.size()).c_str()}});
@@ -241,8 +277,11 @@ TEST(shkvctl_dump, comes_back_byte_for_byte)
 TEST(shkvctl_dump, that_is_not_as_it_was_written_is_refused)
 {
     play({
-        {"!shkvctl create s -q; seq 50 | sed 's/.*/k&\\tv&/' | shkvctl load s -q; shkvctl dump s /dev/shm/d -q", 0, ""},
-        {"!cd /dev/shm; head -30 d > cut; sed '9d' d > less; sed 's/v7\"/v8\"/' d > other; sed 1d d > late; cat d cut > two", 0, ""},
+        {"!shkvctl create s -q; seq 50 | sed 's/.*/k&\\tv&/' | shkvctl load s -q; shkvctl dump s /dev/shm/d -q",
+         0, ""},
+        {"!cd /dev/shm; head -30 d > cut; sed '9d' d > less; sed 's/v7\"/v8\"/' d > other; sed 1d d > late; "
+         "cat d cut > two",
+         0, ""},
         {"create t -q", 0, ""},
         {"load t /dev/shm/cut", 3, "~line 30: the dump is cut short"},
         {"load t /dev/shm/less", 3, "~its checksum is another"},
@@ -251,7 +290,8 @@ TEST(shkvctl_dump, that_is_not_as_it_was_written_is_refused)
         {"load t /dev/shm/two", 3, "~cut short"},
         {"scan t --count", 0, "50\n"}, // of late, which does not begin as a dump
         {"!shkvctl load t --txn < /dev/shm/other", 3, "~checksum is another.*nothing was stored"},
-        {"!shkvctl destroy t -q; cat /dev/shm/d /dev/shm/d | shkvctl load t --create", 0, "~^loaded 100 records"},
+        {"!shkvctl destroy t -q; cat /dev/shm/d /dev/shm/d | shkvctl load t --create", 0,
+         "~^loaded 100 records"},
         {"load u /dev/null --create", 3, "~is no dump"},
         {"dump s /dev/shm/no/where", 3, "~cannot write /dev/shm/no/where"},
         {"!shkvctl dump s > /dev/full", 3, "~No space left"},
@@ -288,7 +328,8 @@ TEST(shkvctl_live, reads_hold_beside_a_writer_at_full_speed)
         }
         sh("until shkvctl get s c499 -q 2> /dev/null; do :; done");
         for (int round = 0; round < 2; round++)
-            go_on({{"!shkvctl dump s --format tsv 2> /dev/shm/how | cut -f1 | grep . > /dev/shm/k; grep -c ^c /dev/shm/k; sort "
+            go_on({{"!shkvctl dump s --format tsv 2> /dev/shm/how | cut -f1 | grep . > /dev/shm/k; grep -c ^c "
+                    "/dev/shm/k; sort "
                     "/dev/shm/k | uniq -d | wc -l",
                     0, "500\n0\n"},
                    {"!shkvctl scan s --prefix c --count", 0, "500\n"},
@@ -323,7 +364,8 @@ TEST(shkvctl_dead, writers_leave_transactions_that_can_be_ended)
            {"scan s", 0, "a\t1\n"}});
     Holder("s", SHKV_AM_WRITE, stage).kill_it();
     // Dead right behind the store that decides the commit.
-    poke_word("s", OBJ_SN, offsetof(supernode, comm_flg), peek("s", OBJ_SN, offsetof(supernode, comm_flg)) | CF_TXN_COMMIT);
+    poke_word("s", OBJ_SN, offsetof(supernode, comm_flg),
+              peek("s", OBJ_SN, offsetof(supernode, comm_flg)) | CF_TXN_COMMIT);
     go_on({{"ls", 0, "~commit cut short"},
            {"txn status s", 0, "~its commit was begun"},
            {"txn abort s", 3, "~a commit cannot be taken back"},
@@ -333,7 +375,8 @@ TEST(shkvctl_dead, writers_leave_transactions_that_can_be_ended)
 
 TEST(shkvctl_dead, reshapers_are_shown_and_their_stores_made_anew)
 {
-    play({{"!shkvctl create s -q; seq 200 | sed 's/.*/k&\\tv&/' | shkvctl load s -q; shkvctl dump s -q | sed '1d;$d' | sort > "
+    play({{"!shkvctl create s -q; seq 200 | sed 's/.*/k&\\tv&/' | shkvctl load s -q; shkvctl dump s -q | sed "
+           "'1d;$d' | sort > "
            "/dev/shm/was",
            0, ""}});
     Holder("s", SHKV_AM_READ, [](int) {
@@ -350,7 +393,8 @@ TEST(shkvctl_dead, reshapers_are_shown_and_their_stores_made_anew)
             EXPECT_EQ(__shkv_delete(handle, &key, 0x66), 0);
         }
     }).kill_it();
-    go_on({{"stat s", 0, "~token +held by service 0xf011\n +reshape +began [0-9]+ s ago: 150 records left to move, 50 in"},
+    go_on({{"stat s", 0,
+            "~token +held by service 0xf011\n +reshape +began [0-9]+ s ago: 150 records left to move, 50 in"},
            {"ls", 0, "~reshaping"},
            {"reshape s", 3, "~a reshape is under way"},
            {"set s k v", 3, "~is being reshaped and takes no new writer"},
@@ -384,8 +428,10 @@ TEST(shkvctl_apply, is_all_or_nothing)
           {"!(echo '{\"op\":\"del\",\"key\":\"a\"}'; cat /dev/shm/many) > /dev/shm/ch", 0, ""}});
     std::string before = sh("shkvctl scan s");
     go_on({{"apply s /dev/shm/ch", 3, "~is full, and does not grow"},
-           {"!(cat /dev/shm/ch; echo '{\"op\":\"set\",\"key\":\"b\"}') | shkvctl apply s -", 3, "~line 502: \"value\" is missing"},
-           {"!(echo '{\"op\":\"del\",\"key_hex\":\"6\"}') | shkvctl apply s - --json", 3, "~\\{\"error\":.*odd number"},
+           {"!(cat /dev/shm/ch; echo '{\"op\":\"set\",\"key\":\"b\"}') | shkvctl apply s -", 3,
+            "~line 502: \"value\" is missing"},
+           {"!(echo '{\"op\":\"del\",\"key_hex\":\"6\"}') | shkvctl apply s - --json", 3,
+            "~\\{\"error\":.*odd number"},
            {"apply s /dev/shm/ch --dry-run", 0, "would apply: 500 added, 0 replaced, 1 deleted\n"},
            {"apply nosuch /dev/shm/ch --dry-run", 3, "~'nosuch' does not exist"},
            {"txn status s", 1, "~no open"}});

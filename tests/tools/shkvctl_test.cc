@@ -89,6 +89,7 @@ TEST(shkvctl, stores_that_do_not_open_are_explained)
          ""},
         {"get torn k", 3, "~'torn' is not complete.*destroy --force torn"},
         {"stat torn", 3, "~'torn' is not complete"},
+        {"create torn", 3, "~'torn' is there, half made.*destroy --force torn"},
         {"set lost k v", 3, "~'lost' has lost its object MD2 \\(/dev/shm/shkvmu/lost_md2\\)"},
         {"ls", 0, "~gone .* gone\nlost .* lost MD2\nstray .* lost MD1, unlisted\ntorn .* not complete\n"},
         {"destroy gone", 3, "~registry still lists it"},

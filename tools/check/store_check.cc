@@ -10,7 +10,8 @@
 
 #include "shkv.h"
 
-namespace {
+namespace
+{
 
 constexpr size_t LIVE_FAULTS = 20000; // of a copy taken beside a writer, most are none
 
@@ -93,8 +94,8 @@ bool checker::check_supernode()
     if (obj.file_sz != want_sz)
         fault("supernode: {} bytes long, {} wanted", obj.file_sz, want_sz);
     if (!sn->magichead || (sn->magichead ^ sn->magictail) != ~0u) {
-        fault("supernode: incomplete (magic words {:#x}, {:#x}): its creator died, or is at work", sn->magichead,
-              sn->magictail);
+        fault("supernode: incomplete (magic words {:#x}, {:#x}): its creator died, or is at work",
+              sn->magichead, sn->magictail);
         return false;
     }
     size_t len = strnlen(sn->dbname, sizeof sn->dbname);
@@ -123,7 +124,8 @@ bool checker::check_supernode()
     return true;
 }
 
-void checker::check_list(space &ud, const char *what, uint32_t head, uint32_t tail, uint64_t count, uint8_t state)
+void checker::check_list(space &ud, const char *what, uint32_t head, uint32_t tail, uint64_t count,
+                         uint8_t state)
 {
     uint64_t seen = 0;
     uint32_t off = head, last = 0;
@@ -167,8 +169,8 @@ void checker::check_space(int which)
     if (sbm_p->ud_end < sbm_p->dn_base || span % sbm_p->dn_sz || sbm_p->ud_end > ud.obj_p->file_sz)
         return fault("{}: ud_end {} does not fit", ud.name, sbm_p->ud_end);
     if (sbm_p->ud_end > desc.obj_sz)
-        note("{}: the header promises {} bytes, the descriptor {}: a growth was cut short", ud.name, sbm_p->ud_end,
-             desc.obj_sz);
+        note("{}: the header promises {} bytes, the descriptor {}: a growth was cut short", ud.name,
+             sbm_p->ud_end, desc.obj_sz);
     int64_t tail = (int64_t)sbm_p->dn_tail - sbm_p->dn_base;
     if (tail < 2 * (int64_t)sbm_p->dn_sz || tail % sbm_p->dn_sz || (uint32_t)sbm_p->dn_tail > sbm_p->ud_end)
         return fault("{}: dn_tail {} does not fit", ud.name, sbm_p->dn_tail);
@@ -215,7 +217,8 @@ bool checker::gather(const space &ud, uint32_t off, std::string *bytes_p, std::v
         uint32_t next = ud.word(unit);
         if (!next)
             break;
-        if (ud.unit_of(next) < 0 || units_p->size() >= udn_p->unit_cnt)
+        if (ud.unit_of(next) < 0 || units_p->size() >= udn_p->unit_cnt ||
+            units_p->size() > len / (dn_sz - 4) + 2) // more than the bytes can take
             return false;
         units_p->push_back(unit = next);
         skip = 4;
@@ -348,7 +351,8 @@ void checker::check_interim(space &ud)
     uint32_t off = ud.sbm_p->intrm_head, last = 0;
     for (uint64_t steps = 0; off && steps <= ud.state.size(); ++steps) {
         const intrm_rec *rec_p = ud.unit_of(off) < 0 ? nullptr : ud.obj_p->at<intrm_rec>(off);
-        if (!rec_p || (rec_p->intrm_op != INTRM_ADD && rec_p->intrm_op != INTRM_DEL && rec_p->intrm_op != INTRM_DEAD))
+        if (!rec_p ||
+            (rec_p->intrm_op != INTRM_ADD && rec_p->intrm_op != INTRM_DEL && rec_p->intrm_op != INTRM_DEAD))
             return loose("{}: the interim list leads to {}, which is none of its records", ud.name, off);
         uint8_t &state = ud.state[ud.unit_of(off)];
         if (state == UNIT_FRESH)

@@ -37,13 +37,13 @@ void tally(Tally &sum, bool erase, bool was_there)
     (erase ? was_there ? sum.deleted : sum.absent : was_there ? sum.replaced : sum.added)++;
 }
 
-bool is_there(const Args &args, const RawStore &raw, const std::string &key)
+bool is_there(const Args &args, RawStore &raw, const std::string &key)
 {
     RawLookup found = raw_lookup(raw, key);
     if (found.found == Found::DAMAGED)
         throw Failure(EXIT_ERROR, EINVAL,
-                      fmt::format("store '{}': cannot tell whether '{:.40}' is there: {}", args.uri, escape(key),
-                                  found.fault),
+                      fmt::format("store '{}': cannot tell whether '{:.40}' is there: {}", args.uri,
+                                  escape(key), found.fault),
                       fmt::format("see: shkvctl check {}", args.uri));
     return found.found == Found::YES;
 }

@@ -19,7 +19,7 @@ struct Args {
     bool all = false, strict = false, verbose = false;
 };
 
-constexpr int copies = 12;       // what is a change and no damage is not in all of them
+constexpr int copies = 12;        // what is a change and no damage is not in all of them
 constexpr size_t most_shown = 10; // of a store's faults, without --verbose
 
 // Text of a fault may carry names as they lie in a damaged store.
@@ -100,7 +100,8 @@ bool check_listing(const Args &args, const Context &ctx)
             report.faults.push_back(fmt::format("store '{}' is not in the registry", name));
     bool ok = report.faults.empty();
     if (ctx.json)
-        print_json({{"registry", ok ? "agrees" : "disagrees"}, {"ok", ok}, {"faults", json_lines(report.faults)}});
+        print_json(
+            {{"registry", ok ? "agrees" : "disagrees"}, {"ok", ok}, {"faults", json_lines(report.faults)}});
     else if (ok)
         say(ctx, "the registry lists all stores\n");
     else
@@ -126,9 +127,10 @@ int check(const Args &args, const Context &ctx)
         bad += !check_one(args, ctx, uri);
     bool listing = !args.all || uris.empty() || check_listing(args, ctx);
     if (bad)
-        throw Failure(EXIT_ERROR, EINVAL, fmt::format("{} of {} damaged", bad, count_of(uris.size(), "store")),
-                      "save what can be read with: shkvctl dump STORE FILE; then remove the store with: shkvctl "
-                      "destroy --force STORE");
+        throw Failure(
+            EXIT_ERROR, EINVAL, fmt::format("{} of {} damaged", bad, count_of(uris.size(), "store")),
+            "save what can be read with: shkvctl dump STORE FILE; then remove the store with: shkvctl "
+            "destroy --force STORE");
     return listing ? EXIT_OK : EXIT_ERROR;
 }
 
@@ -137,9 +139,10 @@ Run setup(CLI::App &app, Context &ctx)
     auto args = std::make_shared<Args>();
     app.add_option("STORE", args->uris, "Name of a store");
     app.add_flag("-a,--all", args->all, "All stores of this machine, and the registry against them");
-    app.add_flag("--strict", args->strict,
-                 "No writer has ever died in this store: units that are neither used nor free, which a crash may "
-                 "leave, are faults, too");
+    app.add_flag(
+        "--strict", args->strict,
+        "No writer has ever died in this store: units that are neither used nor free, which a crash may "
+        "leave, are faults, too");
     app.add_flag("-v,--verbose", args->verbose, "Print all faults and not the first ten");
     return [args, &ctx] { return check(*args, ctx); };
 }

@@ -51,6 +51,10 @@ uint32_t flags_of(const Args &args)
 Failure create_failure(const Args &args, const shkv_params &params, uint32_t err)
 {
     RawStore raw(dbname_of(args.uri));
+    if (err == EEXIST && raw.exists() && !raw.complete())
+        return {EXIT_ERROR, EEXIST,
+                fmt::format("store '{}' is there, half made: its creator is at work, or died in the middle", args.uri),
+                fmt::format("remove it with: shkvctl destroy --force {}", args.uri)};
     if (err == EEXIST && raw.exists())
         return {EXIT_ERROR, EEXIST, fmt::format("store '{}' exists already", args.uri),
                 fmt::format("look at it with: shkvctl stat {}", args.uri)};

@@ -113,11 +113,12 @@ void check_log(const Args &args, const std::string &uri)
         return;
     std::string base = name.substr(0, name.size() - suffix.size());
     if (!base.empty() && RawStore(base).sn().iodb_mark >> 8 == IODB_LIVE)
-        throw Failure(EXIT_ERROR, EINVAL,
-                      fmt::format("'{}' is the undo log of store '{}', whose last batch was cut short", uri, base),
-                      fmt::format("the next open of '{0}' for writing takes the batch back and removes the log, "
-                                  "such as: shkvctl txn commit {0}",
-                                  base));
+        throw Failure(
+            EXIT_ERROR, EINVAL,
+            fmt::format("'{}' is the undo log of store '{}', whose last batch was cut short", uri, base),
+            fmt::format("the next open of '{0}' for writing takes the batch back and removes the log, "
+                        "such as: shkvctl txn commit {0}",
+                        base));
 }
 
 // A log that a batch left behind belongs to nobody when its store is gone. Returns its name, or "".
@@ -144,7 +145,8 @@ int destroy(const Args &args, const Context &ctx)
                 done["undo_log"] = escape(log);
             print_json(done);
         }
-        say(ctx, "destroyed store '{}'{}\n", uri, log.empty() ? "" : fmt::format(" and its undo log '{}'", log));
+        say(ctx, "destroyed store '{}'{}\n", uri,
+            log.empty() ? "" : fmt::format(" and its undo log '{}'", log));
     }
     return EXIT_OK;
 }

@@ -109,9 +109,8 @@ void summarize(const Args &args, const Context &ctx, const WalkSum &sum, const s
 {
     FILE *to = args.file == "-" ? stderr : out();
     if (ctx.json) {
-        Json done = {{"store", args.uri},           {"records", sum.records},
-                     {"exact", sum.unchanged},      {"held", args.exact},
-                     {"damaged_records", sum.damaged}, {"broken_chains", sum.cut_chains},
+        Json done = {{"store", args.uri},  {"records", sum.records},         {"exact", sum.unchanged},
+                     {"held", args.exact}, {"damaged_records", sum.damaged}, {"broken_chains", sum.cut_chains},
                      {"sha256", sha}};
         fmt::print(to, "{}\n", done.dump(-1, ' ', false, Json::error_handler_t::replace));
     } else if (!ctx.quiet) {
@@ -132,10 +131,11 @@ int dump(const Args &args, const Context &ctx)
     std::optional<Store> place;
     if (args.exact) {
         if (raw.sn().conf_flg & CONF_MULTIWR)
-            throw Failure(EXIT_ERROR, EINVAL,
-                          fmt::format("store '{}' allows several writers, and holding one place keeps nobody out",
-                                      args.uri),
-                          "a dump without --exact says whether anything changed meanwhile");
+            throw Failure(
+                EXIT_ERROR, EINVAL,
+                fmt::format("store '{}' allows several writers, and holding one place keeps nobody out",
+                            args.uri),
+                "a dump without --exact says whether anything changed meanwhile");
         place.emplace(args.uri, Store::WRITE);
         raw.refresh();
     }
@@ -163,9 +163,10 @@ Run setup(CLI::App &app, Context &ctx)
     app.add_option("--format", args->format, "jsonl or tsv (jsonl)")
         ->type_name("NAME")
         ->check(CLI::IsMember({"jsonl", "tsv"}));
-    app.add_flag("--exact", args->exact,
-                 "Hold the writer's place meanwhile. This opens the store for writing, which finishes what a dead "
-                 "writer left, and is refused while a writer lives");
+    app.add_flag(
+        "--exact", args->exact,
+        "Hold the writer's place meanwhile. This opens the store for writing, which finishes what a dead "
+        "writer left, and is refused while a writer lives");
     return [args, &ctx] { return dump(*args, ctx); };
 }
 } // namespace

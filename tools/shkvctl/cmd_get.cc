@@ -75,8 +75,8 @@ void check_chains(const Args &args, const std::vector<std::string> &keys)
     for (const std::string &key : keys)
         if (RawLookup there = raw_lookup(raw, key); there.found == Found::DAMAGED)
             throw Failure(EXIT_ERROR, EINVAL,
-                          fmt::format("store '{}': cannot tell the value of '{:.40}': {}", args.uri, escape(key),
-                                      there.fault),
+                          fmt::format("store '{}': cannot tell the value of '{:.40}': {}", args.uri,
+                                      escape(key), there.fault),
                           fmt::format("see: shkvctl check {}", args.uri));
 }
 

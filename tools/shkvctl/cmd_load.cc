@@ -109,9 +109,10 @@ void create_as_dumped(const Args &args, RecordReader &reader)
     uint32_t err = 0;
     int handle = shkv_create(args.uri.c_str(), made.uuid, &made.params, made.hash, &err);
     if (handle <= 0 || !check_shkv_hdl(handle))
-        throw Failure(EXIT_ERROR, (int)err,
-                      fmt::format("cannot make store '{}' as it was dumped: {}", args.uri, errno_words((int)err)),
-                      "make it first, with shkvctl create");
+        throw Failure(
+            EXIT_ERROR, (int)err,
+            fmt::format("cannot make store '{}' as it was dumped: {}", args.uri, errno_words((int)err)),
+            "make it first, with shkvctl create");
     shkv_close(handle);
 }
 

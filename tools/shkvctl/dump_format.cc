@@ -55,7 +55,8 @@ static uint64_t number(const Json &meta, const char *name, uint64_t most)
 {
     auto it = meta.find(name);
     if (it == meta.end() || !it->is_number_unsigned() || it->get<uint64_t>() > most)
-        throw Failure(EXIT_ERROR, EINVAL, fmt::format("the dump does not say how its store was made: \"{}\"", name));
+        throw Failure(EXIT_ERROR, EINVAL,
+                      fmt::format("the dump does not say how its store was made: \"{}\"", name));
     return it->get<uint64_t>();
 }
 
@@ -82,7 +83,8 @@ static std::optional<Json> meta_of(const std::string &line)
     if (!text.starts_with("{\"shkv_dump"))
         return std::nullopt;
     Json meta = Json::parse(text, nullptr, false);
-    return meta.is_object() && (meta.contains(BEGIN) || meta.contains(END)) ? std::optional(meta) : std::nullopt;
+    return meta.is_object() && (meta.contains(BEGIN) || meta.contains(END)) ? std::optional(meta)
+                                                                            : std::nullopt;
 }
 
 static Failure bad_dump(const LineReader &lines, const std::string &why)
@@ -90,7 +92,9 @@ static Failure bad_dump(const LineReader &lines, const std::string &why)
     return {EXIT_ERROR, EINVAL, fmt::format("{}: {}", lines.where(), why)};
 }
 
-RecordReader::RecordReader(const std::string &path, Format format) : path_(path), format_(format), lines_(path) {}
+RecordReader::RecordReader(const std::string &path, Format format) : path_(path), format_(format), lines_(path)
+{
+}
 
 void RecordReader::at_meta(const Json &meta)
 {

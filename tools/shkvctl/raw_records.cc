@@ -42,6 +42,8 @@ static bool gather_units(const RawStore &store, int ud, const Nodes &nodes, uint
     size_t len = (size_t)head.key_sz + head.val_sz, units = 0;
     std::string unit(nodes.size, 0);
     uint32_t last_unit = 0;
+    if (head.unit_cnt > len / (nodes.size - sizeof(uint32_t)) + 2)
+        return false; // more than its bytes can take: no walk for nothing
     for (uint32_t at = off, skip = VEC_HEAD_SZ; at != 0; skip = sizeof(uint32_t)) {
         if (!nodes.is_node(at) || units == head.unit_cnt || !store.read(ud, at, unit.data(), unit.size()))
             return false;
@@ -66,7 +68,8 @@ static std::string read_record(const RawStore &store, int ud, const Nodes &nodes
     uint8_t sum = 0;
     size_t len = (size_t)head.key_sz + head.val_sz;
     if (head.key_sz == 0 || (nodes.fixed && len > nodes.size - UDN_HEAD_SZ))
-        return fmt::format("record {} claims a key of {} and a value of {} bytes", off, head.key_sz, head.val_sz);
+        return fmt::format("record {} claims a key of {} and a value of {} bytes", off, head.key_sz,
+                           head.val_sz);
     if (nodes.fixed) {
         bytes.resize(len);
         if (!store.read(ud, off + UDN_HEAD_SZ, bytes.data(), len))
@@ -109,7 +112,8 @@ static bool is_circle(const std::vector<Seen> &links, std::unordered_set<uint32_
     return !known->insert(off).second;
 }
 
-static BucketRead read_once(const RawStore &store, const RawTable &table, uint32_t bucket, std::vector<Seen> *links)
+static BucketRead read_once(const RawStore &store, const RawTable &table, uint32_t bucket,
+                            std::vector<Seen> *links)
 {
     BucketRead result;
     Nodes nodes(store, table.ud);
@@ -120,7 +124,8 @@ static BucketRead read_once(const RawStore &store, const RawTable &table, uint32
     };
     int kind = table.md;
     uint64_t at = (uint64_t)bucket * sizeof(mdn);
-    for (uint32_t off = 0;; at = off + (table.link == LINK_MD1 ? offsetof(udn, md1_next) : offsetof(udn, md2_next))) {
+    for (uint32_t off = 0;;
+         at = off + (table.link == LINK_MD1 ? offsetof(udn, md1_next) : offsetof(udn, md2_next))) {
         if (!store.read(kind, at, &off)) {
             cut(fmt::format("bucket {} lies outside of {}", bucket, object_name(kind)));
             return result;
@@ -142,7 +147,8 @@ static BucketRead read_once(const RawStore &store, const RawTable &table, uint32
         }
         BucketRead::Rec rec;
         std::string fault = read_record(store, table.ud, nodes, off, head, &rec);
-        if (fault.empty() && table.hash && table.hash(rec.key.data(), (uint32_t)rec.key.size()) % table.buckets != bucket)
+        if (fault.empty() && table.hash &&
+            table.hash(rec.key.data(), (uint32_t)rec.key.size()) % table.hashsz != bucket)
             fault = fmt::format("record {} stands in bucket {} and belongs elsewhere", off, bucket);
         if (!fault.empty()) {
             result.damaged++;
@@ -173,7 +179,11 @@ static RawTable table_of(const RawStore &store, int md, int ud)
 {
     const md_desc &desc = store.md(md);
     uint64_t fit = store.object(md).size / sizeof(mdn);
-    return {md, ud, md == OBJ_MD1 ? LINK_MD1 : LINK_MD2, (uint32_t)std::min<uint64_t>(desc.hashsz, fit),
+    return {md,
+            ud,
+            md == OBJ_MD1 ? LINK_MD1 : LINK_MD2,
+            (uint32_t)std::min<uint64_t>(desc.hashsz, fit),
+            desc.hashsz,
             desc.hashfn < 11 ? shkv_get_internal_hashfn(desc.hashfn) : nullptr};
 }
 
@@ -184,8 +194,8 @@ std::vector<RawTable> tables_in_force(const RawStore &store)
         return {};
     std::vector<RawTable> tables = {table_of(store, md, ud)};
     if (store.is(MDO1N2 | MDN1O2))
-        tables.push_back(
-            table_of(store, store.other_md(), store.is(UDO1N2 | UDN1O2) ? store.other_ud() : store.active_ud()));
+        tables.push_back(table_of(store, store.other_md(),
+                                  store.is(UDO1N2 | UDN1O2) ? store.other_ud() : store.active_ud()));
     return tables;
 }
 
@@ -200,8 +210,8 @@ static std::optional<Obstacle> too_short(const RawStore &store, int kind, uint64
     uint64_t len = store.length_now(kind); // and not when it was mapped: what grows, grows first
     if (len >= want)
         return std::nullopt;
-    return Obstacle{fmt::format("is damaged: its object {} has {} bytes and should have {} ({})", object_name(kind),
-                                len, want, RawStore::path(store.dbname(), kind)),
+    return Obstacle{fmt::format("is damaged: its object {} has {} bytes and should have {} ({})",
+                                object_name(kind), len, want, RawStore::path(store.dbname(), kind)),
                     EINVAL, true};
 }
 
@@ -209,14 +219,16 @@ std::optional<Obstacle> obstacle(const RawStore &store)
 {
     const supernode &sn = store.sn();
     bool whole = store.object(OBJ_SN).file >= sizeof(supernode), magic = store.complete();
-    Obstacle half_made = {"is not complete: its creator died in the middle, or its first page is damaged", EINVAL};
+    Obstacle half_made = {"is not complete: its creator died in the middle, or its first page is damaged",
+                          EINVAL};
     if (!whole || (!magic && sn.magichead == 0 && sn.magictail == 0))
         return half_made;
     int md = store.active_md(), ud = store.active_ud();
     if (store.mm_mode() != CONF_FIXEDMM && store.mm_mode() != CONF_VECTORMM)
         return Obstacle{fmt::format("is damaged: conf_flg is {:#x}", sn.conf_flg), EINVAL};
     if (!md || !ud)
-        return Obstacle{fmt::format("is damaged: comm_flg is {:#x}, and no table is in force", sn.comm_flg), EINVAL};
+        return Obstacle{fmt::format("is damaged: comm_flg is {:#x}, and no table is in force", sn.comm_flg),
+                        EINVAL};
     for (int kind : {md, ud})
         if (store.object(kind).error)
             return lost(store, kind, false);
@@ -265,7 +277,7 @@ static Interim read_interim(const RawStore &store, int ud)
     return newest;
 }
 
-RawLookup raw_lookup(const RawStore &store, const std::string &key)
+static RawLookup lookup_once(const RawStore &store, const std::string &key)
 {
     RawLookup result;
     auto tables = tables_in_force(store);
@@ -276,14 +288,26 @@ RawLookup raw_lookup(const RawStore &store, const std::string &key)
         std::swap(tables[0], tables[1]);
     }
     for (const RawTable &table : tables) {
-        if (!table.hash || !table.buckets)
+        if (!table.hash || !table.hashsz)
             continue;
-        BucketRead read = read_bucket(store, table, table.hash(key.data(), (uint32_t)key.size()) % table.buckets);
+        BucketRead read =
+            read_bucket(store, table, table.hash(key.data(), (uint32_t)key.size()) % table.hashsz);
         for (auto &rec : read.records)
             if (rec.key == key)
                 return {Found::YES, rec.value, ""};
         if (!read.fault.empty())
             result = {Found::DAMAGED, "", read.fault};
+    }
+    return result;
+}
+
+RawLookup raw_lookup(RawStore &store, const std::string &key)
+{
+    RawLookup result = lookup_once(store, key);
+    for (int round = 0; round < 3 && result.found == Found::DAMAGED; round++) {
+        usleep(10000);
+        store.refresh();
+        result = lookup_once(store, key);
     }
     return result;
 }
@@ -300,7 +324,8 @@ struct Layout {
 
 Layout layout_of(const RawStore &store, const supernode &sn)
 {
-    constexpr uint32_t place = CF_MD1 | CF_MD2 | CF_UD1 | CF_UD2 | MDO1N2 | MDN1O2 | UDO1N2 | UDN1O2 | CF_RESHAPE;
+    constexpr uint32_t place =
+        CF_MD1 | CF_MD2 | CF_UD1 | CF_UD2 | MDO1N2 | MDN1O2 | UDO1N2 | UDN1O2 | CF_RESHAPE;
     return {sn.comm_flg & place, store.active_md() == OBJ_MD1 ? sn.md1.obj_ver : sn.md2.obj_ver,
             store.active_ud() == OBJ_UD1 ? sn.ud1.obj_ver : sn.ud2.obj_ver};
 }
@@ -327,8 +352,9 @@ struct Moment {
     {
         constexpr uint32_t in_between = CF_TXN_COMMIT | CF_RESHAPE | MDO1N2 | MDN1O2;
         return read && later.read && !(sn.comm_flg & in_between) && sn.iodb_mark >> 8 != IODB_LIVE &&
-               sn.comm_flg == later.sn.comm_flg && memcmp(&sn.md1, &later.sn.md1, offsetof(supernode, rsv4) -
-               offsetof(supernode, md1)) == 0 && memcmp(&space, &later.space, sizeof space) == 0;
+               sn.comm_flg == later.sn.comm_flg &&
+               memcmp(&sn.md1, &later.sn.md1, offsetof(supernode, rsv4) - offsetof(supernode, md1)) == 0 &&
+               memcmp(&space, &later.space, sizeof space) == 0;
     }
 };
 
@@ -338,7 +364,7 @@ struct Walker {
     WalkSum sum = {};
     struct Part { // of an earlier table: its buckets below upto have been visited
         shkv_hash_fn hash;
-        uint32_t buckets, upto;
+        uint32_t hashsz, upto;
     };
     std::vector<Part> visited = {};
 
@@ -351,7 +377,7 @@ struct Walker {
 bool Walker::give(const std::string &key, const std::string &value)
 {
     for (const Part &part : visited)
-        if (part.hash(key.data(), (uint32_t)key.size()) % part.buckets < part.upto)
+        if (part.hash(key.data(), (uint32_t)key.size()) % part.hashsz < part.upto)
             return true;
     sum.records++;
     sum.stopped = !walk.visit(key, value);
@@ -374,7 +400,7 @@ bool Walker::plain(const RawTable &table)
         BucketRead read = read_bucket(store, table, bucket);
         if (layout_now(store) != before) {
             if (table.hash)
-                visited.push_back({table.hash, table.buckets, bucket});
+                visited.push_back({table.hash, table.hashsz, bucket});
             return false;
         }
         blame(read);

@@ -18,7 +18,8 @@
 struct RawTable {
     int md, ud;
     Link link;
-    uint32_t buckets;
+    uint32_t buckets; // that lie in the object: hashsz of them, unless it was cut short
+    uint32_t hashsz;
     shkv_hash_fn hash; // null: the program's own, and nobody else's to call
 };
 
@@ -51,7 +52,7 @@ struct RawLookup {
     std::string value;
     std::string fault;
 };
-RawLookup raw_lookup(const RawStore &store, const std::string &key);
+RawLookup raw_lookup(RawStore &store, const std::string &key); // looks again at what may be a change
 
 // All records. visit returns false to stop. A table that flips under the walk is followed: each
 // key is visited once (in a store with a hash of its program's own perhaps twice). position is

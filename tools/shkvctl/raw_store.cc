@@ -71,7 +71,8 @@ static void find_data(RawObject *obj)
     obj->data.assign((obj->file + page - 1) / page, false);
     for (off_t at = 0, end; (at = lseek(obj->fd, at, SEEK_DATA)) >= 0; at = end) {
         end = lseek(obj->fd, at, SEEK_HOLE);
-        for (uint64_t p = (uint64_t)at / page; end > at && p < obj->data.size() && p * page < (uint64_t)end; p++)
+        for (uint64_t p = (uint64_t)at / page; end > at && p < obj->data.size() && p * page < (uint64_t)end;
+             p++)
             obj->data[p] = true;
         if (end <= at)
             break;

@@ -16,9 +16,9 @@
 struct RawObject {
     int fd = -1;
     const uint8_t *base = nullptr;
-    uint64_t size = 0; // readable bytes: the file's when it was mapped; of a supernode, whole pages
-    uint64_t file = 0; // length of the file when it was mapped
-    int error = 0;     // errno of the open, when there is no such object
+    uint64_t size = 0;      // readable bytes: the file's when it was mapped; of a supernode, whole pages
+    uint64_t file = 0;      // length of the file when it was mapped
+    int error = 0;          // errno of the open, when there is no such object
     std::vector<bool> data; // pages that held data when it was mapped; the others are read as they are
 };
 

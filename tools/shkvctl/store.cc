@@ -96,7 +96,8 @@ void check_readable(const std::string &uri, const RawStore &raw)
     auto found = obstacle(raw);
     if (!found)
         return;
-    std::string save = found->readable ? fmt::format("save what can be read with: shkvctl dump {} FILE; ", uri) : "";
+    std::string save =
+        found->readable ? fmt::format("save what can be read with: shkvctl dump {} FILE; ", uri) : "";
     throw Failure(EXIT_ERROR, found->err, fmt::format("store '{}' {}", uri, found->words),
                   save + fmt::format("remove it with: shkvctl destroy --force {}", uri));
 }
@@ -105,7 +106,8 @@ Failure damage(const std::string &uri, const WalkSum &sum)
 {
     std::string what = sum.damaged ? count_of(sum.damaged, "damaged record") : "";
     if (sum.cut_chains)
-        what += (what.empty() ? "the rest of " : " and the rest of ") + count_of(sum.cut_chains, "broken chain");
+        what +=
+            (what.empty() ? "the rest of " : " and the rest of ") + count_of(sum.cut_chains, "broken chain");
     return {EXIT_ERROR, EINVAL, fmt::format("store '{}': left out {}; the first: {}", uri, what, sum.fault),
             fmt::format("see: shkvctl check {}", uri)};
 }
@@ -141,8 +143,7 @@ Failure open_failure(const std::string &uri, bool write, uint32_t err, const std
 }
 
 Store::Store(const std::string &uri, Mode mode)
-    : Store(uri, UUID_NONE,
-            mode == WRITE ? SHKV_AM_WRITE : SHKV_AM_READ)
+    : Store(uri, UUID_NONE, mode == WRITE ? SHKV_AM_WRITE : SHKV_AM_READ)
 {
 }
 
@@ -201,8 +202,9 @@ Failure Store::lookup_failure(const std::string &key, int err) const
     Failure other = failure(fmt::format("look up '{}'", escape(key)), err);
     if ((err != EINVAL && err != ENOMEM) || (sn().comm_flg & CF_DESTROYED))
         return other;
-    return {EXIT_ERROR, err, fmt::format("store '{}': the record or the chain of '{:.40}' is damaged ({})", uri_,
-                                         escape(key), errno_words(err)),
+    return {EXIT_ERROR, err,
+            fmt::format("store '{}': the record or the chain of '{:.40}' is damaged ({})", uri_, escape(key),
+                        errno_words(err)),
             fmt::format("see: shkvctl check {}", uri_)};
 }
 

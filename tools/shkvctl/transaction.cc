@@ -5,14 +5,15 @@
 
 Failure txn_is_open(const std::string &uri)
 {
-    return {
-        EXIT_ERROR, EEXIST, fmt::format("store '{}' has a transaction open already", uri),
-        fmt::format("look at it with: shkvctl txn status {0}; end it with: shkvctl txn commit {0}, or abort", uri)};
+    return {EXIT_ERROR, EEXIST, fmt::format("store '{}' has a transaction open already", uri),
+            fmt::format(
+                "look at it with: shkvctl txn status {0}; end it with: shkvctl txn commit {0}, or abort", uri)};
 }
 
 Failure no_txn_here(const std::string &uri)
 {
-    return {EXIT_ERROR, EBADF, fmt::format("store '{}' allows several writers, and so has no transactions", uri)};
+    return {EXIT_ERROR, EBADF,
+            fmt::format("store '{}' allows several writers, and so has no transactions", uri)};
 }
 
 void start_txn(const Store &store, uint32_t keys)
