@@ -321,6 +321,30 @@ TEST(reshape, a_transaction_that_comes_in_between_keeps_it_out)
     EXPECT_EQ(shkv_open_reshaping("nowhere", UUID_RESHAPE1, 0, nullptr, SHKV_AM_RESHAPE, nullptr), 0);
 }
 
+// A reshape that comes and goes while a write waits for the lock, after it has been made without it.
+TEST(reshape, a_delete_made_once_more_tells_what_it_found)
+{
+    kv store = fixed_kv("twice", 1);
+    supernode *sn = store.sn();
+    uint32_t stop = 0, missed = 0;
+    std::thread writer([&] {
+        while (!__atomic_load_n(&stop, __ATOMIC_ACQUIRE))
+            missed += store.add("k", "v") != 0 || store.del("k") != 0;
+    });
+    for (int i = 0; i < 20000; i++) {
+        kmutex_lock(&sn->wr_ksem);
+        __atomic_or_fetch(&sn->comm_flg, CF_RESHAPE, __ATOMIC_SEQ_CST);
+        for (int at = 0; at < 100; at++)
+            __builtin_ia32_pause();
+        __atomic_and_fetch(&sn->comm_flg, ~CF_RESHAPE, __ATOMIC_SEQ_CST);
+        pthread_mutex_unlock(&sn->wr_ksem);
+    }
+    __atomic_store_n(&stop, 1, __ATOMIC_RELEASE);
+    writer.join();
+    EXPECT_EQ(missed, 0u);
+    EXPECT_EQ(faults_of("twice"), "");
+}
+
 TEST(reshape, an_empty_store_ends_at_once_with_the_new_objects)
 {
     kv store = fixed_kv("empty", 0);

@@ -48,6 +48,7 @@ struct del_op {
     const shkv_buf *key;
     uint32_t mode;
     bool locked; // wr_ksem is held
+    bool done;   // an attempt without the lock has found the key; the reshape beside it may be over by now
 
     uint32_t flg; // comm_flg, read once; every decision goes by it
     writer_tables tables;
@@ -228,6 +229,8 @@ int delete_locked(del_op *op_p)
             return fail(nullptr, 0, 0, ENOMEM, "shkv_delete out of actual mem ");
         }
     } while (leave_txn_table(op_p));
+    if (op_p->done)
+        return wrap_up(op_p, 0);
     puts("key not found"); // whatever the debug log's state
     return wrap_up(op_p, ENOENT);
 }
@@ -254,12 +257,13 @@ int delete_single(del_op *op_p)
     if (op_p->head->refill_pos != 0)
         return delete_multi(op_p);
     int result = delete_locked(op_p);
-    if (write_goes_on_locked(op_p->sn, result))
-        return delete_multi(op_p);
-    return result;
+    if (!write_goes_on_locked(op_p->sn, result))
+        return result;
+    op_p->done |= result == 0;
+    return delete_multi(op_p);
 }
 
-int delete_record(int handle, const shkv_buf *key, uint32_t mode)
+int delete_record(int handle, const shkv_buf *key, uint32_t mode, bool done)
 {
     shkv_head *head = writer_head(handle);
     if (!head)
@@ -271,6 +275,7 @@ int delete_record(int handle, const shkv_buf *key, uint32_t mode)
     op.handle = handle;
     op.key = key;
     op.mode = mode;
+    op.done = done;
     int result = check_args(&op);
     if (result != 0)
         return result;
@@ -281,7 +286,7 @@ int delete_record(int handle, const shkv_buf *key, uint32_t mode)
 
 int __shkv_delete(int handle, const shkv_buf *key, uint32_t mode)
 {
-    return delete_record(handle, key, mode);
+    return delete_record(handle, key, mode, false);
 }
 
 int shkv_delete(int handle, const shkv_buf *key)
@@ -290,8 +295,13 @@ int shkv_delete(int handle, const shkv_buf *key)
     const shkv_buf *volatile key_arg = key;
     uint64_t asked = quick_ask(handle, key);
     GUARD_ARM(in_full);
-    if (quick_delete(handle_arg, key_arg, asked) == 0)
-        return 0;
+    {
+        int result = quick_delete(handle_arg, key_arg, asked);
+        if (result == 0)
+            return 0;
+        if (result == QUICK_ONCE_MORE)
+            return delete_record(handle_arg, key_arg, 0, true);
+    }
 in_full:
-    return delete_record(handle_arg, key_arg, 0);
+    return delete_record(handle_arg, key_arg, 0, false);
 }

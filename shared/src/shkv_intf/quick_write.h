@@ -141,6 +141,8 @@ QUICK_INLINE void quick_fill(udn *udn_p, const shkv_buf *key, const shkv_buf *va
     udn_p->cksum = data_cksum_inline(data_p, key_len + val_len);
 }
 
+#define QUICK_ONCE_MORE (-4) // the key was there and has gone; the delete is to be made once more
+
 // A write that a reshape began beside is made once more, for it to see.
 QUICK_INLINE int quick_write_end(const quick_write *op_p)
 {
@@ -181,5 +183,5 @@ QUICK_INLINE int quick_delete(int handle, const shkv_buf *key, uint64_t asked)
     // goes on by the record's own link. Pairs with get32 in quick_find and walk_chain.
     put32(op.link_p, get32(quick_link(&op, op.old)));
     quick_hold_old(&op);
-    return quick_write_end(&op);
+    return quick_write_end(&op) ? QUICK_ONCE_MORE : 0;
 }
