@@ -23,13 +23,17 @@ static nlohmann::ordered_json context(int argc, char **argv)
     for (std::ifstream info("/proc/cpuinfo"); std::getline(info, line);)
         if (line.rfind("model name", 0) == 0)
             model = line.substr(line.find(':') + 2);
-    for (int i = 0; i < argc; i++)
-        command += (i ? " " : "") + std::string(argv[i]);
+    for (int i = 1; i < argc; i++) {
+        if (argv[i] == std::string("--out"))
+            i++; // where the results go says nothing of them
+        else
+            command += " " + std::string(argv[i]);
+    }
     char date[64];
     const time_t now = time(nullptr);
     strftime(date, sizeof date, "%Y-%m-%d %H:%M", localtime(&now));
     out = {{"date", date},
-           {"command", command},
+           {"command", "./dev bench" + command},
            {"cpu", model},
            {"cpus", cpu.num_cpus},
            {"mhz", cpu.cycles_per_second / 1e6},
