@@ -71,6 +71,13 @@ static void table(std::ofstream &out, const std::string &title, const std::vecto
     out << "\n";
 }
 
+// Beside several processes of ours a server is one more that wants a processor, and its times say mostly
+// how often it got one.
+static bool is_server(const std::string &peer)
+{
+    return peer == "redis" || peer == "memcached";
+}
+
 // Contestants down, cases across; lines and columns without a figure are left out.
 static void grid(std::ofstream &out, const std::string &title, const std::vector<std::string> &heads,
                  const std::vector<std::pair<std::string, uint32_t>> &cases, const char *field = "real_time")
@@ -84,6 +91,8 @@ static void grid(std::ofstream &out, const std::string &title, const std::vector
             columns.push_back(i), used.push_back(heads[i]);
     std::vector<std::vector<std::string>> rows;
     for (const std::string &peer : contestants) {
+        if (title == "Several processes" && is_server(peer))
+            continue;
         std::vector<std::string> row = {peer == "shkv" ? "**shkv**" : peer};
         for (size_t i : columns)
             row.push_back(number(time_of(cases[i].first, cases[i].second, peer, field)));
@@ -209,7 +218,7 @@ static void write_tables(std::ofstream &out)
     for (uint32_t n : sizes_of({"reader_beside_writer"})) {
         std::vector<std::vector<std::string>> rows;
         for (const std::string &peer : contestants)
-            if (row_of("reader_beside_writer", n, peer)) {
+            if (!is_server(peer) && row_of("reader_beside_writer", n, peer)) {
                 std::vector<std::string> row = {peer};
                 for (const char *field : {"p50", "p90", "p99", "p99.9", "p99.99", "max", "writer_ns", "wrong"})
                     row.push_back(
@@ -253,7 +262,7 @@ static void write_bars(const std::string &path, const std::vector<std::string> &
         out << " " << op;
     out << "\n";
     for (const std::string &peer : contestants) {
-        if (peer == "redis" || peer == "memcached" || !row_of(ops[0], n, peer))
+        if (is_server(peer) || !row_of(ops[0], n, peer))
             continue;
         out << peer;
         for (const std::string &op : ops) {
