@@ -6,8 +6,8 @@ set border 3
 set tics nomirror out
 set datafile missing "?"
 set style line 1 lw 3 pt 7 ps .7 lc rgb "#c0392b"
-set style line 2 lw 1.5 pt 6 ps .6 lc rgb "#7f8c8d" dt 2
-set style line 3 lw 1.5 pt 6 ps .6 lc rgb "#34495e" dt 2
+set style line 2 lw 1.5 pt 6 ps .6 lc rgb "#95a5a6"
+set style line 3 lw 1.5 pt 6 ps .6 lc rgb "#34495e"
 set style line 4 lw 1.5 pt 5 ps .6 lc rgb "#2980b9"
 set style line 5 lw 1.5 pt 9 ps .6 lc rgb "#27ae60"
 set style line 6 lw 1.5 pt 11 ps .6 lc rgb "#8e44ad"
@@ -45,6 +45,7 @@ set yrange [10:*]
 set style data histograms
 set style histogram clustered gap 1
 set style fill solid .9 noborder
-set xtics rotate by -30 noenhanced
+set xtics rotate by -35 left noenhanced
+set bmargin 6
 plot data."/field.dat" using 2:xtic(1) title columnheader(2) noenhanced lc rgb "#c0392b", \
      for [i=3:6] "" using i title columnheader(i) noenhanced
