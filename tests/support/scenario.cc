@@ -194,6 +194,7 @@ std::vector<scenario> scenarios()
         add("destroy", {many}, {{DESTROY}});
         list.push_back({"growth", kind, {many}, {{ADD, 1000, 1000}}, true, 0, true});
         list.push_back({"growth in slices", kind, {many}, {{ADD, 1000, 1030}, {DEL, 1, 10}, {ADD, 11, 20}}, true, 1, false});
+        list.push_back({"commit in a full store", kind, {many, {TXN}, {ADD, 1, 2}}, {{COMMIT}}, true, 0, !vec});
         list.push_back({"growth in a transaction", kind, {many, {TXN}}, {{ADD, 1000, 1001}, {COMMIT}}, true, 0, false});
     }
     list.push_back({"chunked growth", SHMAP, {many}, {{ADD, 1000, 1000}}, true, 0, true});

@@ -132,28 +132,30 @@ static bool __attribute__((noinline)) fill_copy(const txn_op *op_p, udn *copy, u
 // A commit that was cut between 2 and 3 finds the staged record in its chain already, and step 4 will
 // put it on the hold list like any record found. So that this does not release a record that is still
 // linked, a copy takes its place in the chain first. Cut again, the next resumption finds the copy as
-// an ordinary record of the same key, and replaces it. Without space for a copy all stays as it is.
-static void supplant(const txn_op *op_p, const base_spot *spot_p)
+// an ordinary record of the same key, and replaces it. Without space for a copy (false) the record
+// stays where it is, in use.
+static bool supplant(const txn_op *op_p, const base_spot *spot_p)
 {
     udn *rec = spot_p->found;
     if (!units_left(op_p, rec))
-        return;
+        return false;
     sbm *sbm_p = (sbm *)op_p->ud_base;
     uint32_t off = 0;
     udn *copy = (udn *)op_p->head->getnd(sbm_p, op_p->head, (uint32_t)rec->key_sz + rec->val_sz, &off);
     if (!copy) {
         out_of_actual_mem = 0;
-        return;
+        return false;
     }
     if (is_fixed(op_p->sn))
         off = (uint32_t)((char *)copy - (char *)sbm_p);
     if (!fill_copy(op_p, copy, off, rec)) {
         release(op_p, copy, off);
-        return;
+        return false;
     }
     put32(chain_link_p(copy, op_p->md1), get32(chain_link_p(rec, op_p->md1)));
     // Publish: the copy is whole, its link stored above; a reader gets either of two equal records.
     put32(way_in(op_p, spot_p), off);
+    return true;
 }
 
 // One staged record, the first of its bucket.
@@ -167,8 +169,8 @@ static void apply_first(txn_op *op_p, mdn *bucket, uint32_t off)
     base_spot spot = find_base(op_p, rec);
     if (spot.found == rec) { // a resumed commit alone can meet this
         LOG("%s: found the same node", op_p->name);
-        if (!deleted)
-            supplant(op_p, &spot);
+        if (!deleted && !supplant(op_p, &spot))
+            spot.found = nullptr; // nothing has left its chain
     } else if (deleted) {
         unlink_deleted(op_p, &spot);
     } else {
