@@ -25,7 +25,7 @@
 
 // A head that may write keeps that access also when a lookup found the mapping stale, and so does
 // a table of chunks that any head of this process writes through.
-static int prot_for(const shkv_head *head, int prot)
+static __attribute__((noinline)) int prot_for(const shkv_head *head, int prot)
 {
     const uint32_t writes = SHKV_AM_WRITE | SHKV_AM_RESHAPE;
     bool may_write = head->access_mode & writes;
