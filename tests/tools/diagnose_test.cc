@@ -1,6 +1,7 @@
 // The commands that explain: trace, who, doctor, top and gc, on stores that live, on stores whose
 // processes died, and on bytes that are no store any more.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "shkv.h"
 #include "support/main.h"
@@ -61,5 +62,130 @@ TEST(diagnose, no_bytes_stop_trace)
           3, "~has no event ring: its magic word"},
          {"!truncate -s 4000 /dev/shm/shkvdb/s; shkvctl trace s", 3, "~has no event ring: the supernode ends"},
          {"!truncate -s 0 /dev/shm/shkvdb/s; shkvctl trace s", 3, "~has no event ring"}});
+}
+
+TEST(diagnose, who_tells_the_writer_and_all_that_have_it_mapped)
+{
+    play({{"create s -q", 0, ""}, {"who s", 0, "~writer\n  none\nprocesses that have it mapped\n  none\n"}});
+    Holder writer("s", SHKV_AM_WRITE), reader("s", SHKV_AM_READ);
+    std::string wr = std::to_string(writer.pid()), rd = std::to_string(reader.pid());
+    go_on({
+        {"who s", 0,
+         ("~thread " + wr + " of process " + wr + " \\(t_diagnose\\), user [^\n]*since 20").c_str()},
+        {"who s", 0, ("~" + wr + " +[^ ]+ +write +20[^\n]*supernode").c_str()},
+        {"who s --json", 0, ("~\"tid\":" + wr + ",\"state\":\"lives\"").c_str()},
+        {"who s --json", 0, ("~\"pid\":" + rd + ",.*\"earlier|processes_of_destroyed\":\\[\\]").c_str()},
+        {"doctor s", 0, "~0 problems, 0 warnings"},
+    });
+    writer.kill_it();
+    uint32_t me = (uint32_t)getpid();
+    std::string write_tid = "!printf '%b' '";
+    for (int byte = 0; byte < 4; byte++)
+        write_tid += "\\0" + std::to_string(me >> (8 * byte) >> 6 & 3) +
+                     std::to_string(me >> (8 * byte) >> 3 & 7) + std::to_string(me >> (8 * byte) & 7);
+    write_tid += "' | dd of=/dev/shm/shkvdb/s bs=1 seek=84 conv=notrunc 2> /dev/null; shkvctl who s";
+    go_on({
+        {"who s", 0, "~thread [0-9]+, which is gone"},
+        {"doctor s", 0, "~its writer, thread [0-9]+, has died"},
+        // The id of a dead writer, given to a process that knows nothing of the store.
+        {write_tid.c_str(), 0, "~its thread id was given out\n  anew"},
+        {"doctor s", 3, "~PROBLEM  s: its writer is dead, but the writer's thread id [0-9]+ now belongs"},
+        {"destroy --force s -q", 0, ""},
+        {"create s -q", 0, ""},
+        {"who s", 0, ("~process " + rd + " \\(t_diagnose\\) still has a store of this name mapped").c_str()},
+    });
+}
+
+TEST(diagnose, gc_clears_up_what_is_dead_and_nothing_else)
+{
+    play({
+        {"!for s in ok gone half cut whole; do shkvctl create $s -q --uuid 9; shkvctl set $s k v -q; done; "
+         "shkvctl "
+         "create ok_iodb --uuid 9 -q; shkvctl create other_iodb -q",
+         0, ""},
+        {"gc", 0, "~stale log  ok_iodb(.|\n)*left alone: it changed a moment ago"},
+        {"!cd /dev/shm; rm shkvdb/gone shkvmu/gone*; printf '\\0\\0\\0\\0' | dd of=shkvdb/half conv=notrunc 2> "
+         "/dev/null; "
+         "printf '\\5\\10' | dd of=shkvdb/cut bs=1 seek=80 conv=notrunc 2> /dev/null; cp shkvmu/ok_md1 "
+         "shkvmu/lone_md1; "
+         "for o in md1 md2 md_txn ud1 ud2; do cp shkvmu/whole_$o shkvmu/copy_$o; done; cp shkvdb/whole "
+         "shkvdb/copy; "
+         "touch -d '1 minute ago' shkv*/*",
+         0, ""},
+        {"!cp -r /dev/shm/shkvdb /dev/shm/before; shkvctl gc --json | grep -c '\"done\":false'; diff -r "
+         "/dev/shm/shkvdb "
+         "/dev/shm/before; rm -r /dev/shm/before",
+         0, "6\n"},
+        {"doctor -q", 0, "~half: half made"},
+    });
+    go_on({
+        {"gc --yes", 0, "~done: list it\n"},
+        {"gc", 0, "the registry and the objects agree, or what does not is in use\n"},
+        {"ls", 0, "~^STORE[^\n]*\ncopy +9 [^\n]*\nok +9 [^\n]*\nother_iodb[^\n]*\nwhole [^\n]*\n$"},
+        {"get copy k", 0, "v\n"},
+        {"!ls /dev/shm/shkvmu | grep -c 'lone\\|half\\|cut\\|gone\\|ok_iodb'", 1, "0\n"},
+        {"create half -q", 0, ""},
+    });
+}
+
+TEST(diagnose, gc_leaves_alone_what_a_process_has)
+{
+    play({{"!shkvctl create s -q", 0, ""}});
+    Holder writer("s", SHKV_AM_WRITE);
+    go_on({
+        {"!printf '\\0\\0\\0\\0' | dd of=/dev/shm/shkvdb/s conv=notrunc 2> /dev/null; touch -d '1 minute ago' "
+         "/dev/shm/shkv*/*; shkvctl gc --yes",
+         0, "~half made  s\n[^\n]*\n +left alone: process [0-9]+ \\(t_diagnose\\) has it mapped"},
+    });
+    writer.kill_it();
+    go_on({{"gc --yes", 0, "~done: remove its objects"}, {"!ls /dev/shm/shkvdb", 0, "ovo_shkv_registry_db\n"}});
+}
+
+TEST(diagnose, doctor_names_what_is_wrong)
+{
+    play({
+        {"!for s in token lost short; do shkvctl create $s -q; done; cd /dev/shm; printf '\\5\\20' | dd "
+         "of=shkvdb/token "
+         "bs=1 seek=80 conv=notrunc 2> /dev/null; rm shkvmu/lost_md2; truncate -s 4096 shkvmu/short_ud1",
+         0, ""},
+        {"doctor", 3, "~fine +machine: /dev/shm has 256.0 MiB"},
+        {"doctor", 3, "~the registry lists [0-9]+ stores, and has room for 3,0"},
+        {"doctor -q", 3, "~PROBLEM  token: a reshaper took the token and has died"},
+        {"doctor -q", 3, "~PROBLEM  lost: its object MD2 is missing"},
+        {"doctor -q", 3, "~PROBLEM  short: its object UD1 has 4096 bytes, and its header says"},
+        {"doctor --json token", 3,
+         "~^\\{\"subject\":\"token\",\"level\":\"problem\",\"finding\":[^\n]*\"todo\":"},
+        {"doctor nosuch", 3, "~does not exist"},
+        {"!rm /dev/shm/shkvdb/ovo*; shkvctl doctor -q", 3, "~the registry that lists them is missing"},
+    });
+}
+
+TEST(diagnose, top_and_the_picture_come_from_the_bytes)
+{
+    play({
+        {"top --once", 0, "~^0 stores; /dev/shm 256.0 MiB"},
+        {"!shkvctl create s -q; seq 2000 | sed 's/.*/k&\\tv/' | shkvctl load s - -q; shkvctl create v --vector "
+         "-q; seq 50 | "
+         "sed 's/.*/k&\\tv/' | shkvctl load v - -q; printf 'x' > /dev/shm/shkvdb/torn",
+         0, ""},
+        {"top --once", 0, "~\ns +2,000 +1\\.[0-9]+ (.|\n)*torn +0 (.|\n)*not complete"},
+        {"top --json", 0,
+         "~\"store\":\"s\",\"uuid\":0,\"state\":\"ok\",\"grows\":true,\"complete\":1,\"listed\":1,\"entries\":"
+         "2000"},
+        {"!shkvctl top --prometheus /dev/shm/p.prom; grep -v '^#' /dev/shm/p.prom | grep "
+         "'\"s\"\\|^shkv_stores'; ls "
+         "/dev/shm/p*",
+         0,
+         "~^shkv_stores 3\nshkv_store_complete\\{store=\"s\"\\} 1\n(.|\n)*entries\\{store=\"s\"\\} "
+         "2000\n(.|\n)*"
+         "\n/dev/shm/p.prom\n$"},
+        {"top --prometheus /dev/shm/no/p.prom", 3, "~cannot write /dev/shm/no/p.prom"},
+        {"stat s --map /dev/shm/s.svg", 0, "drew store 's' into /dev/shm/s.svg\n"},
+        {"!shkvctl stat v --map /dev/shm/v.svg -q; grep -c '<path' /dev/shm/v.svg; grep -o 'live: [0-9,]*' "
+         "/dev/shm/v.svg "
+         "/dev/shm/s.svg",
+         0, "~^[0-9]+\n/dev/shm/v.svg:live: 50\n/dev/shm/s.svg:live: 2,000\n$"},
+        {"stat torn --map /dev/shm/t.svg", 3, "~not complete"},
+    });
 }
 } // namespace

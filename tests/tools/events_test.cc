@@ -168,6 +168,6 @@ TEST(events, the_page_is_what_the_table_says)
     const char *path = SHKV_SOURCE_DIR "/docs/events.md";
     if (getenv("RENEW"))
         std::ofstream(path) << page();
-    EXPECT_EQ(read_text(path), page()) << "renew it with: ./dev docs";
+    EXPECT_EQ(read_text(path), page()) << "renew it with: ./dev renew";
 }
 } // namespace

@@ -10,11 +10,13 @@
 #include "shkvctl/names.h"
 #include "shkvctl/procs.h"
 #include "shkvctl/report.h"
+#include "shkvctl/sample.h"
+#include "shkvctl/store_map.h"
 
 namespace
 {
 struct Args {
-    std::string uri;
+    std::string uri, map;
 };
 
 using Rows = std::vector<std::vector<std::string>>;
@@ -170,6 +172,11 @@ int stat(const Args &args, const Context &ctx)
     RawStore raw(dbname_of(args.uri));
     if (!raw.exists() || !raw.complete())
         check_readable(args.uri, raw); // throws
+    if (!args.map.empty()) {
+        write_atomically(args.map, store_map_svg(raw));
+        say(ctx, "drew store '{}' into {}\n", args.uri, args.map);
+        return EXIT_OK;
+    }
     Report report = look_at(raw);
     if (ctx.json) {
         print_json(json_report(raw, report));
@@ -186,6 +193,7 @@ Run setup(CLI::App &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
     app.add_option("STORE", args->uri, "Name of the store")->required();
+    app.add_option("--map", args->map, "Draw the store into this file instead (SVG)")->type_name("FILE");
     return [args, &ctx] { return stat(*args, ctx); };
 }
 } // namespace
@@ -201,5 +209,6 @@ const Command cmd_stat = {
     "them; the reserve makes up for held ones.",
     {{"shkvctl stat cache", "all of it"},
      {"shkvctl stat cache --json", "for programs"},
+     {"shkvctl stat cache --map cache.svg", "a picture: chains, and what the record space is used for"},
      {"watch -n1 shkvctl stat cache", "see a store fill"}},
     setup};

@@ -15,7 +15,8 @@ const std::vector<const Command *> &commands()
         &cmd_set,      &cmd_get,     &cmd_del,    &cmd_scan,    // records
         &cmd_load,     &cmd_dump,    &cmd_apply,  &cmd_txn,     // many records
         &cmd_set_opts, &cmd_reshape, &cmd_limits, &cmd_cleanup, &cmd_gc, // upkeep
-        &cmd_check,    &cmd_doctor,  &cmd_who,    &cmd_trace,   // diagnosis
+        &cmd_check,    &cmd_doctor,  &cmd_who,    &cmd_trace,   &cmd_top, // diagnosis
+        &cmd_completion,
     };
     return table;
 }
@@ -26,6 +27,14 @@ const Command *find_command(const std::string &name)
         if (name == command->name || (command->alias && name == command->alias))
             return command;
     return nullptr;
+}
+
+void add_common_options(CLI::App &app, Context &ctx)
+{
+    app.add_flag("--json", ctx.json, "Print JSON: one line per answer");
+    app.add_flag("-q,--quiet", ctx.quiet, "Print nothing but what was asked for and errors");
+    app.add_option("--log", ctx.log_path, "Append the library's own log to this file")->type_name("FILE");
+    app.set_help_flag("-h,--help", "Print this help");
 }
 
 std::string help_all()

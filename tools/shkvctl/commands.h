@@ -38,10 +38,11 @@ struct Command {
 const std::vector<const Command *> &commands();
 const Command *find_command(const std::string &name);
 
+void add_common_options(CLI::App &app, Context &ctx); // --json, --quiet, --log, --help
 std::string help_all();
 std::string help_of(const CLI::App &app, const Command &command);
 
 extern const Command cmd_create, cmd_destroy, cmd_ls, cmd_stat, cmd_set_opts, cmd_reshape;
 extern const Command cmd_set, cmd_get, cmd_del, cmd_scan, cmd_load, cmd_apply, cmd_txn;
 extern const Command cmd_limits, cmd_cleanup, cmd_check, cmd_dump;
-extern const Command cmd_trace, cmd_who, cmd_doctor, cmd_gc;
+extern const Command cmd_trace, cmd_who, cmd_doctor, cmd_gc, cmd_top, cmd_completion;

@@ -17,14 +17,6 @@ struct Bound {
     Run run;
 };
 
-static void add_common_options(CLI::App &app, Context &ctx)
-{
-    app.add_flag("--json", ctx.json, "Print JSON: one line per answer");
-    app.add_flag("-q,--quiet", ctx.quiet, "Print nothing but what was asked for and errors");
-    app.add_option("--log", ctx.log_path, "Append the library's own log to this file")->type_name("FILE");
-    app.set_help_flag("-h,--help", "Print this help");
-}
-
 static int report(const Context &ctx, const Command &command, const Failure &failure)
 {
     fflush(out());
