@@ -143,6 +143,8 @@ TEST(shkvctl_json, is_what_its_page_says)
         {"who", "who s --json"},
         {"doctor", "doctor --json"},
         {"gc", "gc --json"},
+        {"top", "top --json"},
+        {"completion", "completion --json"},
         {"trace", "trace t1 --json"},
         {"txn", "txn status s --json"},
         {"txn", "txn start s --json"},
@@ -165,7 +167,7 @@ TEST(shkvctl_json, is_what_its_page_says)
         {"destroy", "destroy t2 --force --json"},
     };
     // What these tell of is seldom there.
-    const std::set<std::string> seldom = {"", "who", "doctor", "gc", "trace"};
+    const std::set<std::string> seldom = {"", "who", "doctor", "gc", "trace", "completion"};
     std::set<std::string> met = {"Errors"};
     for (auto [command, line] : lines) {
         SCOPED_TRACE(line);
