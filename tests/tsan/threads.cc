@@ -54,7 +54,8 @@ static void look(int handle, bool lite, unsigned seed)
         else
             results[0] = shkv_lookup(handle, &keys[0], &vals[0]);
         check(results[0] == 0 || (results[0] == 2 && no >= SURE), "a lookup", no, results[0]);
-        for (uint32_t i = 0; results[0] == 0 && i < vals[0].len; ++i)
+        // What the lite form points at is the store's own memory, and reused in time.
+        for (uint32_t i = 0; !lite && results[0] == 0 && i < vals[0].len; ++i)
             check(((char *)vals[0].ptr)[i] == (char)no, "the value", no, (int)i);
         lookups++;
     }
