@@ -5,25 +5,21 @@
 // sequence of operations. Every answer is compared, of the writer's handle and of a reader's; at the
 // end all keys and an iteration are, and now and then the checker looks at the bytes. The keys are
 // few and share three buckets, so that chains form, replaces and deletes hit. The stores do not
-// grow here; life_fuzz.cc is for that.
+// grow here; kill_soak is for that.
 #include <errno.h>
 #include <string.h>
 
 #include <array>
+#include <vector>
 
-#include "rest_store.h"
 #include "shkv_intf/head.h"
 #include "shkv_intf/sizing.h"
+#include "target.h"
 
 namespace {
 
 constexpr unsigned KEYS = 16, BUCKETS = 3, ROOM = 2048, M_MAX = 6;
 constexpr uint8_t CANARY = 0xa5;
-
-shkv_buf buf_of(const std::string &text)
-{
-    return {const_cast<char *>(text.data()), (uint32_t)text.size()};
-}
 
 // A value is known by its length and seed.
 struct value_of_key {
@@ -48,6 +44,22 @@ bool is_value(const char *at, uint8_t seed, uint32_t len)
 }
 
 // ---- Stores that stand ready --------------------------------------------------------------------
+
+// The bytes of a store at rest, put back before every input by plain copies.
+struct rest_store {
+    struct part {
+        char *at;
+        std::string bytes;
+    };
+    std::vector<part> parts;
+
+    void save(void *at, size_t size) { parts.push_back({(char *)at, std::string((const char *)at, size)}); }
+    void put_back() const
+    {
+        for (const part &each : parts)
+            __builtin_memcpy(each.at, each.bytes.data(), each.bytes.size());
+    }
+};
 
 struct kind {
     const char *name;
@@ -105,11 +117,15 @@ int store_value(const ready_store &store, unsigned no, value_of_key *value_p, ui
     return ret;
 }
 
+// Of the supernode neither the mutexes in front, which nothing holds between two inputs, nor the descriptor
+// of MD_TXN, whose mapping is not put back either.
 void save(ready_store *store_p, int which)
 {
     shkv_head *head = head_of(store_p->writer);
     rest_store *rest_p = &store_p->rest[which];
-    save_supernode(rest_p, head->sn);
+    supernode *sn = head->sn;
+    rest_p->save(&sn->comm_flg, (size_t)((char *)&sn->md_txn - (char *)&sn->comm_flg));
+    rest_p->save(&sn->md_txn + 1, (size_t)((char *)(sn + 1) - (char *)(&sn->md_txn + 1)));
     rest_p->save(head->md1.base, head->md1.mapped_sz);
     rest_p->save(head->ud1_map->map[0], head->ud1_map->mapped_sz);
 }
@@ -327,41 +343,21 @@ void end_txn(session *run_p, bool commit)
 }
 
 // Calls that are refused and change nothing.
-void refused(session *run_p)
+void refused(const ready_store &store)
 {
-    const ready_store &store = *run_p->store_p;
     static std::string much(65001, 'm');
-    shkv_buf key = buf_of(run_p->key(0)), none = {nullptr, 0}, no_bytes = {nullptr, 3};
-    shkv_buf long_key = {much.data(), store.kind_p->bad_key}, long_val = {much.data(), store.kind_p->bad_val};
     char room[ROOM];
-    shkv_buf val = {room, ROOM};
-    int ret = 0;
-    switch (run_p->in.byte() % 8) {
-    case 0:
-        ret = shkv_add(store.writer, &none, &key, 0);
-        break;
-    case 1:
-        ret = shkv_add(store.writer, &key, &no_bytes, 0);
-        break;
-    case 2:
-        ret = shkv_add(store.writer, &long_key, &key, 0);
-        break;
-    case 3:
-        ret = shkv_add(store.writer, &key, &long_val, 0);
-        break;
-    case 4:
-        ret = shkv_add(store.reader, &key, &key, 0);
-        break;
-    case 5:
-        ret = shkv_lookup(store.writer, &none, &val);
-        break;
-    case 6:
-        ret = shkv_delete(store.reader, &key);
-        break;
-    default:
-        ret = shkv_add(31, &key, &key, 0) == EBADF ? EINVAL : 0;
-    }
-    MUST(ret == EINVAL, "a call to refuse gives " + std::to_string(ret));
+    shkv_buf key = buf_of(store.keys[0]), none = {nullptr, 0}, no_bytes = {nullptr, 3}, val = {room, ROOM};
+    shkv_buf long_key = {much.data(), store.kind_p->bad_key}, long_val = {much.data(), store.kind_p->bad_val};
+    const int results[] = {
+        shkv_add(store.writer, &none, &key, 0),      shkv_add(store.writer, &key, &no_bytes, 0),
+        shkv_add(store.writer, &long_key, &key, 0),  shkv_add(store.writer, &key, &long_val, 0),
+        shkv_add(store.reader, &key, &key, 0),       shkv_delete(store.reader, &key),
+        shkv_lookup(store.writer, &none, &val),
+    };
+    for (int ret : results)
+        MUST(ret == EINVAL, "a call to refuse gives " + std::to_string(ret));
+    MUST(shkv_add(31, &key, &key, 0) == EBADF, "a handle of no store is taken");
 }
 
 void step(session *run_p)
@@ -370,18 +366,11 @@ void step(session *run_p)
     bool writers = byte & 0x80;
     unsigned no = run_p->in.byte() % KEYS;
     switch (byte % 20) {
-    case 0:
-    case 1:
-    case 2:
-    case 3:
-    case 4:
+    case 0 ... 4:
         return add_one(run_p, no);
-    case 5:
-    case 6:
-    case 7:
+    case 5 ... 7:
         return delete_one(run_p, no);
-    case 8:
-    case 9:
+    case 8 ... 9:
         return look(run_p, writers, no, ROOM);
     case 10:
         return look(run_p, writers, no, run_p->in.byte());
@@ -395,11 +384,10 @@ void step(session *run_p)
         return iterate_all(run_p, writers);
     case 15:
         return run_p->may_txn ? begin_txn(run_p) : add_one(run_p, no);
-    case 16:
-    case 17:
+    case 16 ... 17:
         return end_txn(run_p, byte % 20 == 16);
     default:
-        return refused(run_p);
+        return refused(*run_p->store_p);
     }
 }
 

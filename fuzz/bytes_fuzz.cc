@@ -15,10 +15,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <vector>
 
-#include "check/store_check.h"
-#include "rest_store.h"
 #include "shkvctl/raw_stats.h"
+#include "target.h"
 
 extern bool tight_tails;
 
@@ -47,11 +47,6 @@ std::vector<undo> undo_log;
 sigjmp_buf out_of_call;
 bool may_go_round, may_assert;
 unsigned rounds, calls;
-
-shkv_buf buf_of(const std::string &text)
-{
-    return {const_cast<char *>(text.data()), (uint32_t)text.size()};
-}
 
 // Short keys, and some that take several units.
 const std::string &key_of(unsigned no)
