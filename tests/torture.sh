@@ -1,53 +1,55 @@
 #!/usr/bin/env bash
 # The long forms of everything that tries to break the library, one after the other, and a table of
 # what each has covered. Called by ./dev torture, which has built the programs.
-#     torture.sh BUILD FUZZ_BUILD [crash|pairs|recovery|fault|kill|threads|model|api|bytes|life]...
-# Executions of the fuzz targets: API_RUNS, BYTES_RUNS, LIFE_RUNS; killed writers: KILLS.
+#     torture.sh BUILD FUZZ_BUILD [crash|pairs|recovery|fault|kill|threads|model|api|bytes]...
+# How much: LENGTH (long or short: crash points, faults, model), RECOVERY (one scenario of the recovery),
+# KILLS, THREADS (seconds of each), API_RUNS and BYTES_RUNS.
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-build=$1 fuzz=$2
+build=$1 fuzz=$2 length=${LENGTH:-long}
 shift 2
-[ $# -gt 0 ] || set -- crash pairs recovery fault kill threads model api bytes life
+[ $# -gt 0 ] || set -- crash pairs recovery fault kill threads model api bytes
 logs=$build/torture
 mkdir -p "$logs"
 table=$logs/table.txt
 : > "$table"
 failed=0
 
-# row NAME COMMAND...: its last lines that carry a figure go to the table.
+# row NAME COMMAND...: the last line of its output that carries a figure goes to the table.
 row() {
-    local name=$1 begin=$SECONDS verdict=good
+    local name=$1 begin=$SECONDS verdict=good figure
     shift
     "$@" > "$logs/$name.log" 2>&1 || { verdict=FAILED failed=1; }
-    local figure
-    figure=$(grep -aE 'explored|injected|writers killed|lookups and|stat::number_of_executed|SUMMARY' "$logs/$name.log" |
-        sed 's/stat::number_of_executed_units: */executions: /' | tail -n 3 | paste -sd ';')
-    [ "$name" != model ] || figure="$(grep -c states "$logs/model.log") searches, $(awk '{s += $(NF - 3)} END {print s}' "$logs/model.log") states"
+    figure=$(grep -aE 'explored|injected|writers killed|lookups and|number_of_executed|searches' "$logs/$name.log" |
+        sed 's/stat::number_of_executed_units: */executions: /' | tail -n 1)
+    [ -n "$figure" ] || { verdict=FAILED failed=1 figure="no figure, see $logs/$name.log"; }
     printf '%-10s %-6s %6s s  %s\n' "$name" $verdict $((SECONDS - begin)) "$figure" | tee -a "$table"
 }
 
-# libfuzzer NAME TARGET RUNS: first with the sanitizers and all counters, which also makes the corpus,
-# then the bulk without, by the oracle alone.
+# libfuzzer NAME RUNS: a hundredth with the sanitizers and all counters, which also makes the corpus, then the
+# bulk without, by the oracle alone.
 libfuzzer() {
-    local name=$1 runs=$3 corpus=$logs/corpus-$1
+    local name=$1 runs=$2 corpus=$logs/corpus-$1
     mkdir -p "$corpus"
-    local all=(-max_len=64 -print_final_stats=1 "-artifact_prefix=$logs/$name-")
-    row "$name" "$fuzz/$2" "-runs=$((runs / 100))" "${all[@]}" "$corpus"
-    row "$name-bulk" "$fuzz/$2_bulk" "-runs=$((runs - runs / 100))" -entropic=0 -use_counters=0 -reload=0 "${all[@]}" "$corpus"
+    local all=(-max_len=64 -print_final_stats=1 "-artifact_prefix=$logs/$name-" "$corpus" "$here/../fuzz/inputs/$name")
+    row "$name" "$fuzz/${name}_fuzz" "-runs=$((runs / 100))" "${all[@]}"
+    row "$name-bulk" "$fuzz/${name}_fuzz_bulk" "-runs=$((runs - runs / 100))" -entropic=0 -use_counters=0 -reload=0 "${all[@]}"
 }
 
 for what in "$@"; do
     case $what in
-    crash) row crash "$build/tests/crash_explore" long ;;
-    pairs | recovery) row "$what" "$build/tests/crash_explore" "$what" ;;
-    fault) row fault "$build/tests/fault_inject" long ;;
+    crash) row crash "$build/tests/crash_explore" "$length" ;;
+    pairs) row pairs "$build/tests/crash_explore" pairs ;;
+    recovery) row recovery "$build/tests/crash_explore" recovery ${RECOVERY:+"$RECOVERY"} ;;
+    fault) row fault "$build/tests/fault_inject" "$length" ;;
     kill) row kill "$build/tests/kill_soak" "${KILLS:-10000}" ;;
-    threads) row threads env "TSAN_OPTIONS=suppressions=$here/tsan/suppressions.txt" "$build/tests/tsan_threads" 60 ;;
-    model) row model "$here/../model/check.sh" long ;;
-    api) libfuzzer api api_fuzz "${API_RUNS:-100000000}" ;;
-    bytes) libfuzzer bytes bytes_fuzz "${BYTES_RUNS:-10000000}" ;;
-    life) row life "$fuzz/life_fuzz" "-runs=${LIFE_RUNS:-20000}" -max_len=256 -print_final_stats=1 "-artifact_prefix=$logs/life-" ;;
+    threads) row threads env "TSAN_OPTIONS=suppressions=$here/tsan/suppressions.txt" "$build/tests/tsan_threads" "${THREADS:-60}" ;;
+    model) row model "$here/../model/check.sh" "$length" ;;
+    api) libfuzzer api "${API_RUNS:-100000000}" ;;
+    bytes) libfuzzer bytes "${BYTES_RUNS:-10000000}" ;;
     *) echo "no such form: $what" >&2 && failed=1 ;;
     esac
 done
+printf '\n'
+cat "$table"
 exit $failed

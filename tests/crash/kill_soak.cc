@@ -1,15 +1,17 @@
-// Writers that die of SIGKILL at random moments, under two readers that never stop. Each writer
-// opens what its predecessor left, puts every record against the ledger, has the checker look at
-// the bytes, and goes on with adds, deletes, atomic batches, transactions and growth, until it is
-// killed itself. The ledger lies in memory that they share: it says before every step what is about
-// to change, so that a successor knows what may be old or new, and that all else is as it was.
+// Writers that die of SIGKILL, under two readers that never stop. A store grows from a hundred records to
+// many thousands, is destroyed, and the next one begins. Each writer opens what its predecessor left,
+// puts every record against the ledger, has the checker look at the bytes, and goes on with adds,
+// deletes, atomic batches and transactions, until it is killed itself: while it opens, at any moment of
+// its work, or right after its table or its space has begun to change. The ledger lies in memory that
+// all share: it says before every step what is about to change, so that a successor knows what may be
+// old or new, and that all else is as it was.
 //
 //     kill_soak KILLS [SEED]
 #include <errno.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
@@ -21,10 +23,10 @@
 namespace
 {
 
-constexpr uint32_t KEYS = 3000, SURE = 16, CHANGES = 24; // the first keys are never deleted
-enum counter { CHECKS, STORES, GROWTHS, REBUILDS, TXNS, BATCHES, LOGS, READS, COUNTERS };
-const char *const COUNTER_NAMES[] = {
-    "full checks", "stores", "growths", "rebuilds", "commits", "batches", "half-made logs removed", "lookups"};
+constexpr uint32_t KEYS = 10000, CHANGES = 24;
+enum counter { CHECKS, STORES, COMMITS, BATCHES, LOGS, LOOKUPS, IN_GROWTH, IN_REFILL, IN_FLIP, COUNTERS };
+const char *const COUNTER_NAMES[] = {"checks of everything", "stores", "commits", "batches", "half-made logs removed", "lookups beside them",
+                                     "growth of the space", "refill", "flip"};
 
 struct ledger {
     uint32_t gen, high;   // name of the store; keys below high have been added
@@ -32,10 +34,15 @@ struct ledger {
     struct {
         uint32_t cnt, key[CHANGES], was[CHANGES], will[CHANGES];
     } intent; // all or nothing
+    uint32_t flg, space_ver; // of the store, after the last step that was done; 0: none was
     uint32_t destroying, stop, bad, seq;
     uint64_t counts[COUNTERS];
 };
 ledger *book;
+const supernode *sn;  // of the writer's store
+timer_t death;        // of the writer, by SIGKILL
+uint32_t death_us;    // after its next change of an object's size; 0: no such death
+enum way { OPENING, WORKING, FLIPPED, RESIZING } way_to_die;
 
 uint32_t get(const uint32_t &word)
 {
@@ -60,14 +67,10 @@ uint32_t rnd(uint32_t below)
 bool wrong(const char *what, uint32_t key, int result)
 {
     fprintf(stderr, "store %u: %s, key %u: %d\n", book->gen, what, key, result);
-    set(book->bad, book->bad + 1);
+    __atomic_fetch_add(&book->bad, 1, __ATOMIC_RELEASE);
     return false;
 }
 
-bool is_vector_gen(uint32_t gen)
-{
-    return gen % 2;
-}
 std::string name_of(uint32_t gen)
 {
     return "soak" + std::to_string(gen);
@@ -76,10 +79,18 @@ std::string key_of(uint32_t key)
 {
     return "key" + std::to_string(key);
 }
+bool is_vector(uint32_t gen)
+{
+    return gen % 2;
+}
+bool is_sure(uint32_t key) // never deleted: no reader may miss it
+{
+    return key % 2;
+}
 std::string value_of(uint32_t gen, uint32_t key, uint32_t seq)
 {
     std::string text((const char *)&seq, 4);
-    text.resize(4 + seq % (is_vector_gen(gen) ? 300 : 28), (char)(seq + key));
+    text.resize(4 + seq % (is_vector(gen) ? 300 : 28), (char)(seq + key));
     return text;
 }
 
@@ -95,6 +106,8 @@ bool number_of(uint32_t gen, uint32_t key, int result, const shkv_buf &val, uint
     return value_of(gen, key, *seq_p) == std::string((const char *)val.ptr, val.len);
 }
 
+// ---- The writers --------------------------------------------------------------------------------
+
 bool look(int handle, uint32_t key, uint32_t *seq_p)
 {
     char room[400];
@@ -103,8 +116,6 @@ bool look(int handle, uint32_t key, uint32_t *seq_p)
     int result = shkv_lookup(handle, &key_buf, &val);
     return number_of(book->gen, key, result, val, seq_p) || wrong("a writer reads", key, result);
 }
-
-// ---- The writers --------------------------------------------------------------------------------
 
 // What the dead writer was about to change is all old or all new, the rest is as the ledger says.
 bool settle(int handle)
@@ -121,9 +132,13 @@ bool settle(int handle)
     if (news != intent.cnt && olds != intent.cnt)
         return wrong("a part of what goes together, of", intent.cnt, (int)news);
     set(intent.cnt, 0);
-    for (uint32_t key = 0; key < KEYS; ++key)
+    size_t present = 0;
+    for (uint32_t key = 0; key < KEYS; present += seq != 0, ++key)
         if (!look(handle, key, &seq) || seq != book->state[key])
             return wrong("another value than was stored", key, (int)seq);
+    contents all;
+    if (!read_all(handle, &all) || all.size() != present)
+        return wrong("iterate gives another count", (uint32_t)present, (int)all.size());
     store_image image;
     load_store(name_of(book->gen), &image);
     check_report report = check_image(image, false);
@@ -133,14 +148,6 @@ bool settle(int handle)
     return report.faults.empty();
 }
 
-void new_store()
-{
-    memset(book->state, 0, sizeof book->state);
-    book->intent.cnt = book->high = 0;
-    set(book->gen, book->gen + 1);
-    set(book->destroying, 0);
-}
-
 int open_or_create()
 {
     uint32_t err = 0;
@@ -148,9 +155,11 @@ int open_or_create()
     if (!handle && book->high && !book->destroying)
         return wrong("a store cannot be opened", 0, (int)err);
     if (!handle) { // killed in its creation or its destruction
-        new_store();
-        shkv_params params = {16, 32, is_vector_gen(book->gen) ? 200u : 100u,
-                              is_vector_gen(book->gen) ? CONF_VECTORMM : CONF_FIXEDMM, 0};
+        memset(book->state, 0, sizeof book->state);
+        book->intent.cnt = book->high = 0;
+        set(book->gen, book->gen + 1);
+        shkv_params params = {16, 32, is_vector(book->gen) ? 200u : 100u,
+                              is_vector(book->gen) ? CONF_VECTORMM : CONF_FIXEDMM, 0};
         if (!(handle = shkv_create(name_of(book->gen).c_str(), 0, &params, 0, &err)))
             return wrong("a store cannot be made", 0, (int)err);
         count(STORES);
@@ -165,6 +174,10 @@ void intend(uint32_t key, bool present)
 {
     auto &intent = book->intent;
     uint32_t at = intent.cnt;
+    if (at == 0) { // a step begins
+        set(book->space_ver, sn->ud1.obj_ver);
+        set(book->flg, sn->comm_flg);
+    }
     intent.key[at] = key;
     intent.was[at] = book->state[key];
     intent.will[at] = present ? ++book->seq : 0;
@@ -179,22 +192,21 @@ void settled()
     set(intent.cnt, 0);
 }
 
-// Keys of one step, all different: to add (also new ones), or such as can be deleted.
+// Keys of one step, all different: to add, or such as can be deleted.
 std::vector<uint32_t> choose(uint32_t cnt, bool adds)
 {
     std::vector<uint32_t> keys;
-    for (uint32_t tries = 0; keys.size() < cnt && tries < 4 * cnt; ++tries) {
-        uint32_t key = rnd(book->high ? book->high : 1);
-        if (!adds && (key < SURE || book->state[key] == 0))
-            continue;
-        if (std::find(keys.begin(), keys.end(), key) == keys.end())
+    for (uint32_t tries = 0; keys.size() < cnt && tries < 4 * cnt && book->high; ++tries) {
+        uint32_t key = rnd(book->high);
+        if ((adds || (!is_sure(key) && book->state[key])) && std::find(keys.begin(), keys.end(), key) == keys.end())
             keys.push_back(key);
     }
     return keys;
 }
 
-int change(int handle, uint32_t key, uint32_t seq)
+int change(int handle, uint32_t at)
 {
+    uint32_t key = book->intent.key[at], seq = book->intent.will[at];
     std::string name = key_of(key), value = value_of(book->gen, key, seq);
     shkv_buf key_buf = buf_of(name), val = buf_of(value);
     return seq ? shkv_add(handle, &key_buf, &val, 0) : shkv_delete(handle, &key_buf);
@@ -203,11 +215,11 @@ int change(int handle, uint32_t key, uint32_t seq)
 bool single(int handle, uint32_t key, bool adds)
 {
     intend(key, adds);
-    int result = change(handle, key, book->intent.will[0]);
-    if (result)
-        return wrong(adds ? "add" : "delete", key, result);
+    int result = change(handle, 0);
+    if (way_to_die == FLIPPED && (sn->comm_flg ^ book->flg) & (CF_MD1 | CF_MD2))
+        raise(SIGKILL);
     settled();
-    return true;
+    return result == 0 || wrong(adds ? "add" : "delete", key, result);
 }
 
 bool batch(int handle, bool adds)
@@ -234,21 +246,18 @@ bool batch(int handle, bool adds)
         count(LOGS);
         return true;
     }
-    if (result)
-        return wrong("batch", (uint32_t)keys.size(), result);
     settled();
     count(BATCHES);
-    return true;
+    return result == 0 || wrong("batch", (uint32_t)keys.size(), result);
 }
 
 bool transaction(int handle)
 {
     int result = shkv_txn_start(handle, nullptr);
-    std::vector<uint32_t> keys = choose(1 + rnd(CHANGES - 1), true);
-    for (uint32_t key : keys)
-        intend(key, key < SURE || book->state[key] == 0 || rnd(3));
+    for (uint32_t key : choose(1 + rnd(CHANGES - 1), true))
+        intend(key, is_sure(key) || book->state[key] == 0 || rnd(3));
     for (uint32_t i = 0; i < book->intent.cnt && result == 0; ++i)
-        result = change(handle, book->intent.key[i], book->intent.will[i]);
+        result = change(handle, i);
     if (result)
         return wrong("staging", 0, result);
     if (rnd(4) == 0) {
@@ -257,29 +266,24 @@ bool transaction(int handle)
     } else {
         result = shkv_txn_commit(handle, nullptr);
         settled();
-        count(TXNS);
+        count(COMMITS);
     }
     return result == 0 || wrong("the end of a transaction", 0, result);
 }
 
 bool step(int handle)
 {
-    switch (rnd(10)) {
-    case 0:
-    case 1:
-    case 2:
-    case 3:
-        if (book->high < KEYS && single(handle, book->high, true))
-            return set(book->high, book->high + 1), true;
-        return false;
-    case 4:
-    case 5:
-        return single(handle, book->high ? rnd(book->high) : 0, true);
+    bool good = true;
+    switch (rnd(death_us ? 7 : 10)) { // neither a batch's log nor the table of a transaction is meant
+    case 0 ... 5:
+        for (uint32_t left = CHANGES; good && left && book->high < KEYS; --left)
+            if ((good = single(handle, book->high, true)))
+                set(book->high, book->high + 1);
+        return good;
     case 6:
-        for (uint32_t key : choose(3, false))
-            if (!single(handle, key, false))
-                return false;
-        return true;
+        for (uint32_t key : choose(3, true))
+            good = good && single(handle, key, is_sure(key) || !book->state[key]);
+        return good;
     case 7:
         return transaction(handle);
     default:
@@ -289,19 +293,19 @@ bool step(int handle)
 
 bool writer_life()
 {
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGKILL;
+    if (timer_create(CLOCK_MONOTONIC, &event, &death) != 0)
+        return wrong("no timer", 0, errno);
     int handle = open_or_create();
-    if (!handle || (shkv_txn_is_active(handle) == 0 ? false : shkv_txn_abort(handle) != 0) || !settle(handle))
+    sn = handle ? shkv_db_heads[handle - 1].sn : nullptr;
+    if (!handle || (shkv_txn_is_active(handle) && shkv_txn_abort(handle) != 0) || !settle(handle))
         return false;
-    const supernode *sn = shkv_db_heads[handle - 1].sn;
-    uint32_t tables = sn->md1.obj_ver + sn->md2.obj_ver, space = sn->ud1.obj_ver;
-    while (book->high < KEYS) {
+    death_us = way_to_die == RESIZING ? 1 + rnd(8u << rnd(9)) : 0;
+    while (book->high < KEYS)
         if (!step(handle))
             return false;
-        if (sn->md1.obj_ver + sn->md2.obj_ver != tables)
-            count(REBUILDS), tables = sn->md1.obj_ver + sn->md2.obj_ver;
-        if (sn->ud1.obj_ver != space)
-            count(GROWTHS), space = sn->ud1.obj_ver;
-    }
     set(book->destroying, 1);
     int result = shkv_destroy(handle);
     return result == 0 || wrong("destroy", 0, result);
@@ -309,91 +313,137 @@ bool writer_life()
 
 // ---- The readers --------------------------------------------------------------------------------
 
+void read_some(int handle, uint32_t gen)
+{
+    uint32_t high = get(book->high), seq, cnt = 1 + rnd(8), numbers[8];
+    std::string names[8];
+    shkv_buf keys[8], vals[8];
+    static char room[8][400];
+    int results[8];
+    for (uint32_t i = 0; i < cnt; ++i) {
+        numbers[i] = rnd(high ? high : KEYS);
+        names[i] = key_of(numbers[i]);
+        keys[i] = buf_of(names[i]);
+        vals[i] = {room[i], sizeof room[i]};
+    }
+    if (cnt == 1)
+        results[0] = shkv_lookup(handle, &keys[0], &vals[0]);
+    else
+        shkv_m_lookup(handle, keys, vals, results, (uint16_t)cnt);
+    for (uint32_t i = 0; i < cnt; ++i) {
+        bool good = number_of(gen, numbers[i], results[i], vals[i], &seq) &&
+                    (seq != 0 || !is_sure(numbers[i]) || numbers[i] >= high);
+        if (!good && get(book->gen) == gen && !get(book->destroying))
+            wrong("a reader reads", numbers[i], results[i]);
+        count(LOOKUPS);
+    }
+}
+
 void read_on()
 {
     while (!get(book->stop)) {
         uint32_t gen = get(book->gen), err = 0;
         int handle = shkv_open(name_of(gen).c_str(), 0, 0, SHKV_AM_READ, &err);
-        if (!handle) {
+        if (!handle)
             usleep(500);
-            continue;
-        }
-        while (!get(book->stop) && get(book->gen) == gen && !get(book->destroying)) {
-            uint32_t high = get(book->high), sure = std::min(high, SURE), seqs[8], cnt = 1 + rnd(8);
-            std::string names[8];
-            shkv_buf keys[8], vals[8];
-            static char room[8][400];
-            int results[8];
-            uint32_t numbers[8];
-            for (uint32_t i = 0; i < cnt; ++i) {
-                numbers[i] = rnd(2) && sure ? rnd(sure) : rnd(KEYS);
-                names[i] = key_of(numbers[i]);
-                keys[i] = buf_of(names[i]);
-                vals[i] = {room[i], sizeof room[i]};
-            }
-            if (cnt == 1)
-                results[0] = shkv_lookup(handle, &keys[0], &vals[0]);
-            else
-                shkv_m_lookup(handle, keys, vals, results, (uint16_t)cnt);
-            for (uint32_t i = 0; i < cnt; ++i) {
-                bool good = number_of(gen, numbers[i], results[i], vals[i], &seqs[i]) &&
-                            (seqs[i] != 0 || numbers[i] >= sure);
-                if (!good && get(book->gen) == gen && !get(book->destroying))
-                    wrong("a reader reads", numbers[i], results[i]);
-                count(READS);
-            }
-        }
-        shkv_close(handle);
+        while (handle && !get(book->stop) && get(book->gen) == gen && !get(book->destroying))
+            read_some(handle, gen);
+        if (handle)
+            shkv_close(handle);
     }
 }
 
-template <typename F> pid_t child(uint64_t seed, F what)
+// ---- The kills ----------------------------------------------------------------------------------
+
+// What the step that the dead writer was in had changed beside records: by the bytes of its store, and by
+// what was so before that step.
+uint32_t in_change()
 {
-    fflush(stdout);
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(open("/dev/null", O_WRONLY), 1);
+    supernode dead;
+    struct stat st = {};
+    int fd = open(object_path(name_of(book->gen), OBJ_SN).c_str(), O_RDONLY | O_CLOEXEC);
+    bool whole = fd >= 0 && read(fd, &dead, sizeof dead) == sizeof dead;
+    close(fd);
+    if (!whole || !book->flg || book->destroying || stat(object_path(name_of(book->gen), OBJ_UD1).c_str(), &st) != 0)
+        return 0;
+    bool grows = (size_t)st.st_size != dead.ud1.obj_sz || dead.ud1.obj_ver != book->space_ver;
+    bool refills = dead.comm_flg & (CF_REFILL1 | CF_REFILL2), flips = (dead.comm_flg ^ book->flg) & (CF_MD1 | CF_MD2);
+    book->counts[IN_GROWTH] += grows;
+    book->counts[IN_REFILL] += refills;
+    book->counts[IN_FLIP] += flips;
+    return grows || refills || flips;
+}
+
+bool still_runs(pid_t pid)
+{
+    siginfo_t info = {};
+    return waitid(P_PID, (id_t)pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
+}
+
+// A writer and its end: while it opens, at any moment, right behind a flip, a little after it has begun to
+// resize an object. A life that ends by itself is no kill.
+bool kill_one(uint64_t seed)
+{
+    way_to_die = (way)std::min(rnd(8), (uint32_t)RESIZING);
+    uint64_t checks = __atomic_load_n(&book->counts[CHECKS], __ATOMIC_ACQUIRE);
+    book->flg = 0;
+    pid_t writer = start_child([=] {
         rng_state = seed;
-        what();
-        _exit(0);
-    }
-    return pid;
+        return writer_life();
+    });
+    while (way_to_die != OPENING && still_runs(writer) && __atomic_load_n(&book->counts[CHECKS], __ATOMIC_ACQUIRE) == checks)
+        usleep(200);
+    for (int i = 0; way_to_die >= FLIPPED && i < 100 && still_runs(writer); ++i)
+        usleep(300);
+    usleep(way_to_die >= FLIPPED ? 0 : rnd(4000));
+    kill(writer, SIGKILL);
+    return end_of(writer) == -SIGKILL;
 }
 
 } // namespace
 
+extern "C" int __real_ftruncate(int fd, off_t len);
+extern "C" int __wrap_ftruncate(int fd, off_t len)
+{
+    itimerspec at = {{}, {0, (long)death_us * 1000}};
+    if (death_us)
+        timer_settime(death, 0, &at, nullptr);
+    death_us = 0;
+    return __real_ftruncate(fd, len);
+}
+
 int main(int argc, char **argv)
 {
-    uint32_t wanted = argc > 1 ? (uint32_t)atoi(argv[1]) : 100, kills = 0;
+    uint32_t wanted = argc > 1 ? (uint32_t)atoi(argv[1]) : 100, kills = 0, met = 0;
     uint64_t seed = argc > 2 ? strtoull(argv[2], nullptr, 10) : 1;
     if (!private_shm())
         return fprintf(stderr, "cannot make a mount namespace with a /dev/shm of its own\n"), 1;
+    setenv("SYSMGR_MMAP_LIMIT", "1073741824", 1);
     book = (ledger *)mmap(nullptr, sizeof *book, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     time_t begin = time(nullptr);
     rng_state = seed;
-    pid_t readers[2] = {child(seed + 1, read_on), child(seed + 2, read_on)};
+    pid_t readers[2];
+    for (int i = 0; i < 2; ++i)
+        readers[i] = start_child([=] {
+            rng_state = seed + (uint64_t)i + 1;
+            return read_on(), 0;
+        });
     while (kills < wanted && !get(book->bad)) {
-        uint64_t checks = book->counts[CHECKS];
-        pid_t writer = child(seed + 3 + kills, writer_life);
-        // Some die while they open and repair.
-        for (int i = 0;
-             rnd(4) != 0 && i < 2000 && __atomic_load_n(&book->counts[CHECKS], __ATOMIC_ACQUIRE) == checks; ++i)
-            usleep(500);
-        usleep(rnd(5000));
-        kill(writer, SIGKILL);
-        int status = 0;
-        waitpid(writer, &status, 0);
-        kills += WIFSIGNALED(status);
+        if (!kill_one(seed + 3 + rng_state))
+            continue;
+        ++kills;
+        met += in_change();
     }
     set(book->stop, 1);
-    for (pid_t reader : readers) {
-        int status = 0;
-        if (waitpid(reader, &status, 0) != reader || status != 0)
-            wrong("a reader ended with", (uint32_t)reader, status);
-    }
-    printf("%u writers killed in %ld s, %u faults;", kills, (long)(time(nullptr) - begin), book->bad);
-    for (int i = 0; i < COUNTERS; ++i)
-        printf(" %lu %s%s", (unsigned long)book->counts[i], COUNTER_NAMES[i], i + 1 < COUNTERS ? "," : "\n");
+    for (pid_t reader : readers)
+        if (int end = end_of(reader))
+            wrong("a reader ended with", (uint32_t)reader, end);
+    printf("%u writers killed in %ld s, %u of them in a change of table or space (", kills, (long)(time(nullptr) - begin),
+           met);
+    for (int i = IN_GROWTH; i < COUNTERS; ++i)
+        printf("%lu %s%s", (unsigned long)book->counts[i], COUNTER_NAMES[i], i + 1 < COUNTERS ? ", " : ");");
+    for (int i = 0; i < IN_GROWTH; ++i)
+        printf(" %lu %s,", (unsigned long)book->counts[i], COUNTER_NAMES[i]);
+    printf(" %u wrong\n", book->bad);
     return book->bad != 0 || kills < wanted;
 }

@@ -3,7 +3,9 @@
 #pragma once
 #include <fcntl.h>
 #include <map>
+#include <signal.h>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -54,18 +56,28 @@ struct snapshot {
 snapshot take_snapshot();
 void restore_snapshot(const snapshot &snap);
 
-// Runs what in a child with its standard output closed. Its exit code, or -signal.
-template <typename F> int in_child(F what)
+// A child with its standard output closed, which does not outlive us.
+template <typename F> pid_t start_child(F what)
 {
     fflush(stdout);
     pid_t pid = fork();
     if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(open("/dev/null", O_WRONLY), 1); // "key not found" of the deletes
         _exit(what());
     }
+    return pid;
+}
+// Its exit code, or -signal.
+inline int end_of(pid_t pid)
+{
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+template <typename F> int in_child(F what)
+{
+    return end_of(start_child(what));
 }
 
 // ---- scenarios: what a store has gone through, and the operations that are cut short ----
