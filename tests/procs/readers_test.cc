@@ -1,138 +1,101 @@
-#include <random>
-#include <sys/mman.h>
-#include <time.h>
+// Readers beside a writer at full speed, and through the growth of a store that they opened before it.
+#include <thread>
 
-#include "support/kv.h"
+#include "procs/crowd.h"
 
-namespace
+// The smallest record space, so that what is replaced is handed out again at once; few keys, so that a
+// reader meets the reuse.
+TEST(readers, never_see_a_torn_or_old_value_or_miss_a_key)
 {
-
-// A value that tells whether it is whole: its key's number, a round, and bytes that follow from both.
-void fill(uint32_t *words, uint32_t cnt, uint32_t key, uint32_t round)
-{
-    words[0] = key;
-    words[1] = round;
-    for (uint32_t i = 2; i < cnt; i++)
-        words[i] = (key * 0x9e3779b1u + round) * (2 * i + 1) ^ round >> (i % 7);
-}
-
-// What a reader counts, in memory that its parent shares.
-struct tally {
-    volatile bool stop;
-    uint64_t looks[2], torn[2], missing[2], refused[2];
-};
-
-double now()
-{
-    timespec at;
-    clock_gettime(CLOCK_MONOTONIC, &at);
-    return (double)at.tv_sec + 1e-9 * (double)at.tv_nsec;
-}
-
-enum way { SINGLE, GROUP };
-
-struct scene {
-    const char *name;
-    shkv_params params;
-    uint32_t keys;
-    uint32_t words_max; // of a value
-};
-
-// Every key is there all the while, so whatever is not a whole value of that key is a fault.
-void judge(tally *sums, int who, int ret, const uint32_t *words, uint32_t len, uint32_t key)
-{
-    uint32_t want[512];
-    sums->looks[who]++;
-    if (ret == ENOENT)
-        sums->missing[who]++;
-    else if (ret != 0)
-        sums->refused[who]++;
-    else if (fill(want, len / 4, key, words[1]); len < 8 || memcmp(want, words, len) != 0)
-        sums->torn[who]++;
-}
-
-int read_all_the_while(const scene &what, way how, tally *sums, int who)
-{
-    kv reader = open_kv(what.name, SHKV_AM_READ);
-    std::mt19937 random((unsigned)who);
-    static uint32_t rooms[16][512];
-    while (!sums->stop) {
-        std::string names[16];
-        shkv_buf keys[16], vals[16];
-        uint32_t numbers[16];
-        int results[16];
-        for (int i = 0; i < 16; i++) {
-            numbers[i] = random() % what.keys;
-            names[i] = "key" + std::to_string(numbers[i]);
-            keys[i] = buf_of(names[i]);
-            vals[i] = {rooms[i], sizeof rooms[i]};
-            if (how != GROUP) {
-                results[i] = shkv_lookup(reader.handle, &keys[i], &vals[i]);
-                judge(sums, who, results[i], rooms[i], vals[i].len, numbers[i]);
-            }
-        }
-        if (how == GROUP) {
-            shkv_m_lookup(reader.handle, keys, vals, results, 16);
-            for (int i = 0; i < 16; i++)
-                judge(sums, who, results[i], rooms[i], vals[i].len, numbers[i]);
-        }
-    }
-    return shkv_close(reader.handle);
-}
-
-void put_round(const kv &writer, const scene &what, std::mt19937 &random, uint32_t round)
-{
-    uint32_t words[512], number = random() % what.keys, cnt = 2 + random() % (what.words_max - 1);
-    fill(words, cnt, number, round);
-    std::string value((const char *)words, cnt * 4);
-    ASSERT_EQ(writer.add("key" + std::to_string(number), value), 0);
-}
-
-} // namespace
-
-// The smallest record space, so that what is replaced is handed out again at once; a few keys, so
-// that a reader meets the reuse; a writer at full speed beside two readers on as few processors.
-TEST(readers, never_see_a_torn_value_or_miss_a_key_beside_a_writer)
-{
-    const scene scenes[] = {
-        {"rd_fixed", {16, 64, 1000, CONF_FIXEDMM, 0}, 1000, 16},
-        {"rd_hot", {16, 64, 100, CONF_FIXEDMM, 0}, 2, 16},
-        {"rd_vector", {0, 0, 3000, CONF_VECTORMM, 0}, 1000, 100},
-        {"rd_vec_hot", {0, 0, 400, CONF_VECTORMM, 0}, 3, 500},
+    const crowd_plan plans[] = {
+        {"fixed", {16, 64, 1000, CONF_FIXEDMM, 0}, 1000, 0, 64},
+        {"fixed_hot", {16, 64, 100, CONF_FIXEDMM, 0}, 2, 0, 64},
+        {"vector", {0, 0, 3000, CONF_VECTORMM, 0}, 1000, 0, 400},
+        {"vector_hot", {0, 0, 400, CONF_VECTORMM, 0}, 3, 0, 2000},
     };
-    for (const scene &what : scenes) {
-        SCOPED_TRACE(what.name);
-        tally *sums =
-            (tally *)mmap(nullptr, sizeof(tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        kv writer = make_kv(what.name, what.params);
-        std::mt19937 random(1);
-        uint32_t round = 0, words[2];
-        for (uint32_t number = 0; number < what.keys; number++) {
-            fill(words, 2, number, round++);
-            ASSERT_EQ(writer.add("key" + std::to_string(number), std::string((const char *)words, 8)), 0);
+    for (const crowd_plan &plan : plans) {
+        crowd all(plan);
+        usleep(2500000);
+        EXPECT_TRUE(all.goes_on());
+        all.end();
+        EXPECT_EQ("", faults_of(plan.name));
+    }
+}
+
+TEST(readers, find_every_committed_key_while_the_store_grows)
+{
+    const crowd_plan plans[] = {{"grow_fixed", {16, 32, 1000, CONF_FIXEDMM, 0}, 1000},
+                                {"grow_vector", {0, 0, 1000, CONF_VECTORMM, 0}, 1000, 100},
+                                {"grow_shmap", {0, 0, 1000, CONF_VECTORMM | CONF_SHMAP, 0}, 1000}};
+    for (const crowd_plan &plan : plans) {
+        crowd all(plan);
+        store(&all.shared->grow, 32);
+        while (load(&all.shared->growing) < 100000 && all.goes_on())
+            ;
+        EXPECT_LE(100000u, load(&all.shared->growing));
+        all.end();
+        EXPECT_EQ("", faults_of(plan.name));
+    }
+}
+
+// Looks for the first 50 keys until the writer is done. 0, or 1 with a line when one is not as it was.
+static int read_on(const kv &store, const uint32_t *done_p, bool lite)
+{
+    char room[64];
+    for (uint32_t at = 0; !load(done_p); at = (at + 1) % 50) {
+        std::string key = "k" + std::to_string(at);
+        shkv_buf key_buf = buf_of(key), found = {room, sizeof room};
+        int result = lite ? shkv_lookup_lite(store.handle, &key_buf, &found)
+                          : shkv_lookup(store.handle, &key_buf, &found);
+        if (result != 0 || std::string((const char *)found.ptr, found.len) != key)
+            return fprintf(stderr, "lookup of %s gives %d\n", key.c_str(), result), 1;
+    }
+    return 0;
+}
+
+// Mappings are exchanged under threads that share a handle, the writer's own and a reader's in another
+// process, and the table of a transaction comes and goes: none of them is killed, and none misses a key.
+TEST(readers, that_share_a_handle_stand_through_growth_and_transactions)
+{
+    shkv_max_db_sz = shkv_memory_limit_process = 0x40000000u;
+    uint32_t *words = (uint32_t *)mmap(nullptr, 8, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    for (uint32_t conf : {CONF_FIXEDMM, CONF_VECTORMM}) {
+        uint32_t *started = &words[0], *done = &words[1];
+        *started = *done = 0;
+        kv store = make_kv("threads", {16, 16, 100, conf, 0});
+        auto put_no = [&](uint32_t at) {
+            std::string key = "k" + std::to_string(at);
+            ASSERT_EQ(store.add(key, key), 0) << at;
+        };
+        for (uint32_t at = 0; at < 50; at++)
+            put_no(at);
+        auto read_in_threads = [&](const kv &handle) {
+            int failed = 0;
+            std::vector<std::thread> threads;
+            for (int i = 0; i < 3; i++)
+                threads.emplace_back([&, i] {
+                    __atomic_fetch_or(&failed, read_on(handle, done, i == 0 && conf == CONF_FIXEDMM), __ATOMIC_RELAXED);
+                });
+            *started = 1;
+            for (std::thread &thread : threads)
+                thread.join();
+            return failed;
+        };
+        pid_t reader = start_child([&] { return read_in_threads(open_kv("threads", SHKV_AM_READ)); });
+        while (load(started) == 0)
+            usleep(100);
+        std::thread own([&] { EXPECT_EQ(read_in_threads(store), 0); });
+        for (uint32_t at = 50; at < 40000; at++)
+            put_no(at);
+        for (uint32_t no = 0; no < 1000; no++) {
+            ASSERT_EQ(shkv_txn_start(store.handle, nullptr), 0);
+            put_no(no % 50);
+            ASSERT_EQ(no % 3 ? shkv_txn_commit(store.handle, nullptr) : shkv_txn_abort(store.handle), 0);
         }
-        pid_t readers[2];
-        for (int who = 0; who < 2; who++) {
-            fflush(stdout);
-            readers[who] = fork();
-            if (readers[who] == 0)
-                _exit(read_all_the_while(what, who ? GROUP : SINGLE, sums, who));
-        }
-        for (double end = now() + 2.5; now() < end && !testing::Test::HasFatalFailure();)
-            for (int i = 0; i < 256; i++)
-                put_round(writer, what, random, round++);
-        sums->stop = true;
-        for (int who = 0; who < 2; who++) {
-            int status = -1;
-            waitpid(readers[who], &status, 0);
-            EXPECT_EQ(status, 0) << who;
-            EXPECT_GT(sums->looks[who], 1000u) << who;
-            EXPECT_EQ(sums->torn[who], 0u) << who << " of " << sums->looks[who];
-            EXPECT_EQ(sums->missing[who], 0u) << who << " of " << sums->looks[who];
-            EXPECT_EQ(sums->refused[who], 0u) << who << " of " << sums->looks[who];
-        }
-        EXPECT_EQ(faults_of(what.name), "");
-        EXPECT_EQ(shkv_destroy(writer.handle), 0);
-        munmap(sums, sizeof(tally));
+        *done = 1;
+        own.join();
+        EXPECT_EQ(end_of(reader), 0);
+        EXPECT_EQ(faults_of("threads"), "");
+        EXPECT_EQ(shkv_destroy(store.handle), 0);
     }
 }

@@ -17,14 +17,12 @@ struct other_process {
     {
         int ready[2];
         EXPECT_EQ(0, pipe(ready));
-        pid = fork();
-        if (pid == 0) {
+        pid = start_child([&] {
             what();
             bool ok = !testing::Test::HasFailure();
             EXPECT_EQ(1, write(ready[1], ok ? "+" : "-", 1));
-            for (;;)
-                pause();
-        }
+            return pause();
+        });
         char said = 0;
         close(ready[1]);
         EXPECT_EQ(1, read(ready[0], &said, 1));
@@ -36,7 +34,7 @@ struct other_process {
         if (pid == 0)
             return;
         kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+        EXPECT_EQ(-SIGKILL, end_of(pid));
         pid = 0;
     }
     ~other_process() { die(); }

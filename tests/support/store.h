@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <sched.h>
+#include <signal.h>
 #include <string>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -84,19 +86,31 @@ inline std::string faults_of(const char *name, bool strict = true)
     return text;
 }
 
-// Runs what in a child, whose expectations count as ours.
-template <typename F> void in_child(F what)
+// A child that does what and does not outlive us; its expectations count when it ends.
+template <typename F> pid_t start_child(F what)
 {
     fflush(stdout);
     pid_t pid = fork();
     if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         int result = what();
         fflush(stdout);
         _exit(result || testing::Test::HasFailure());
     }
+    return pid;
+}
+
+// Its exit code, or -signal.
+inline int end_of(pid_t pid)
+{
     int status = 0;
     waitpid(pid, &status, 0);
-    EXPECT_EQ(0, status);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+template <typename F> void in_child(F what)
+{
+    EXPECT_EQ(0, end_of(start_child(what)));
 }
 
 // The same where nothing was ever created, with a /dev/shm of that size and no handle open.

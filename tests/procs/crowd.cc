@@ -1,0 +1,165 @@
+#include "procs/crowd.h"
+
+static std::string name_of(char kind, uint32_t no)
+{
+    return kind + std::to_string(no);
+}
+
+// "key.version." and what follows from both.
+std::string crowd::value_of(uint32_t key, uint32_t version) const
+{
+    std::string text = std::to_string(key) + "." + std::to_string(version) + ".";
+    if (plan.val_max > text.size())
+        text.resize(text.size() + (key * 31 + version) * 0x9e3779b1u % (plan.val_max - text.size()),
+                    (char)('a' + (key + version) % 26));
+    return text;
+}
+
+// from: the version that was committed before the lookup.
+bool crowd::value_good(uint32_t key, int result, const std::string &found, uint32_t from) const
+{
+    uint32_t to = load(&shared->versions[key][0]);
+    size_t dot = found.find('.');
+    uint32_t version = dot == std::string::npos ? 0 : (uint32_t)atoll(found.c_str() + dot + 1);
+    if (result == 0 && version >= from && version <= to && found == value_of(key, version))
+        return true;
+    fprintf(stderr, "%s: k%u gives %d, \"%s\", not of %u to %u\n", plan.name, key, result, found.c_str(), from, to);
+    return false;
+}
+
+// Eight keys, by turns one by one and as a group; and of the added ones the newest, whose growth is the
+// youngest, or any.
+int crowd::read_on(uint32_t no) const
+{
+    kv reader = open_kv(plan.name, SHKV_AM_READ);
+    static char rooms[8][65000];
+    for (uint32_t state = no + 77, round = no; !load(&shared->stop); round++) {
+        std::string names[8];
+        shkv_buf keys[8], vals[8];
+        uint32_t numbers[8], from[8];
+        int results[8];
+        for (int i = 0; i < 8; i++) {
+            numbers[i] = next_random(&state) % plan.keys;
+            names[i] = name_of('k', numbers[i]);
+            keys[i] = buf_of(names[i]);
+            vals[i] = {rooms[i], sizeof rooms[i]};
+            from[i] = load(&shared->versions[numbers[i]][1]);
+            if (round % 2)
+                results[i] = shkv_lookup(reader.handle, &keys[i], &vals[i]);
+        }
+        if (round % 2 == 0)
+            shkv_m_lookup(reader.handle, keys, vals, results, 8);
+        for (int i = 0; i < 8; i++)
+            if (!value_good(numbers[i], results[i], std::string(rooms[i], results[i] ? 0 : vals[i].len), from[i]))
+                return 1;
+        if (uint32_t cnt = load(&shared->growing)) {
+            std::string key = name_of('g', round % 4 ? next_random(&state) % cnt : cnt - 1), found = reader.at(key);
+            if (found != key)
+                return fprintf(stderr, "%s: %s gives %s\n", plan.name, key.c_str(), found.c_str()), 1;
+        }
+        store(&shared->lookups[no], round * 8);
+    }
+    return 0;
+}
+
+// Replaces, adds and deletes, and looks at its own work.
+int crowd::write_on() const
+{
+    kv to = open_kv(plan.name, SHKV_AM_WRITE);
+    std::vector<uint32_t> churn(plan.churn, 0); // 0: absent
+    auto refused = [&](int result) { return result != 0 && !(result == ENOMEM && plan.full_ok); };
+    uint32_t state = 5, tick = 1;
+    for (; !load(&shared->stop); store(&shared->writes, tick++)) {
+        uint32_t what = next_random(&state), key = what / 4 % plan.keys, version = shared->versions[key][1] + 1;
+        store(&shared->versions[key][0], version);
+        int result = to.add(name_of('k', key), value_of(key, version));
+        if (result == 0)
+            store(&shared->versions[key][1], version);
+        if (refused(result))
+            return fprintf(stderr, "%s: replacing gives %d\n", plan.name, result), 2;
+        if (what % 16 == 0 && !value_good(key, 0, to.at(name_of('k', key)), shared->versions[key][1]))
+            return 1;
+        if (plan.churn && what % 2) {
+            uint32_t no = what / 16 % plan.churn;
+            result = what & 2 ? to.add(name_of('c', no), value_of(no, tick)) : to.del(name_of('c', no));
+            if (result != ENOENT || churn[no] != 0)
+                if (refused(result))
+                    return fprintf(stderr, "%s: c%u gives %d\n", plan.name, no, result), 2;
+            if (result == 0)
+                churn[no] = what & 2 ? tick : 0;
+        }
+        for (uint32_t more = load(&shared->grow); more; more--) {
+            std::string name = name_of('g', shared->growing);
+            if ((result = to.add(name, name)) != 0)
+                return fprintf(stderr, "%s: %s gives %d\n", plan.name, name.c_str(), result), 2;
+            store(&shared->growing, shared->growing + 1);
+        }
+    }
+    for (uint32_t no = 0; no < plan.churn; no++)
+        EXPECT_EQ(churn[no] ? value_of(no, churn[no]) : "#2", to.at(name_of('c', no)));
+    expect_all(to);
+    return 0;
+}
+
+void crowd::expect_all(const kv &by) const
+{
+    for (uint32_t key = 0; key < plan.keys && !testing::Test::HasFailure(); key++)
+        EXPECT_TRUE(value_good(key, 0, by.at(name_of('k', key)), load(&shared->versions[key][1])));
+    for (uint32_t no = 0; no < load(&shared->growing) && !testing::Test::HasFailure(); no++)
+        EXPECT_EQ(name_of('g', no), by.at(name_of('g', no)));
+}
+
+crowd::crowd(const crowd_plan &how)
+    : plan(how),
+      shared((board *)mmap(nullptr, board_sz(), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+{
+    shkv_max_db_sz = shkv_memory_limit_process = 0x60000000u;
+    kv made = make_kv(plan.name, plan.params);
+    for (uint32_t key = 0; key < plan.keys && !testing::Test::HasFailure(); key++) {
+        EXPECT_EQ(0, made.add(name_of('k', key), value_of(key, 1)));
+        shared->versions[key][0] = shared->versions[key][1] = 1;
+    }
+    EXPECT_EQ(0, shkv_close(made.handle));
+    for (uint32_t no = 0; no < 3; no++)
+        pids[no] = start_child([&] {
+            return !freopen("/dev/null", "w", stdout) ? 9 : no == 0 ? write_on() : read_on(no - 1); // "key not found"
+        });
+    EXPECT_TRUE(goes_on());
+}
+
+bool crowd::goes_on() const
+{
+    uint32_t from[3] = {load(&shared->writes), load(&shared->lookups[0]), load(&shared->lookups[1])};
+    for (int i = 0; i < 2000; i++) {
+        usleep(10000);
+        if ((!pids[0] || load(&shared->writes) > from[0] + 100) && load(&shared->lookups[0]) > from[1] + 100 &&
+            load(&shared->lookups[1]) > from[2] + 100)
+            return true;
+        for (pid_t pid : pids) {
+            siginfo_t info = {};
+            if (pid && waitid(P_PID, (id_t)pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid)
+                return false;
+        }
+    }
+    return false;
+}
+
+void crowd::wait_for_writes(uint32_t more) const
+{
+    for (uint32_t from = load(&shared->writes), i = 0; load(&shared->writes) < from + more && i < 20000; i++)
+        usleep(100);
+}
+
+void crowd::kill_writer()
+{
+    kill(pids[0], SIGKILL);
+    EXPECT_EQ(-SIGKILL, end_of(pids[0]));
+    pids[0] = 0;
+}
+
+void crowd::end()
+{
+    store(&shared->stop, 1);
+    for (pid_t pid : pids)
+        EXPECT_EQ(0, pid ? end_of(pid) : 0);
+}
