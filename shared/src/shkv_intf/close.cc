@@ -87,6 +87,7 @@ static int release_locked(int handle)
     shkv_head *head = check_shkv_hdl(handle);
     if (!head) // another thread has closed it meanwhile
         return EBADF;
+    forget_view(head);
     unmap_mds(head);
     release_maps(head);
     mapping_drop_old(head);

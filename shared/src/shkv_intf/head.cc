@@ -22,10 +22,12 @@ static int find_free_slot()
 }
 
 static const mdn no_bucket = {};
+static const supernode no_store = {};
 static constexpr quick_view one_empty_bucket()
 {
     quick_view view = {};
-    view.flg_mask = ~0u;
+    view.sn = &no_store;
+    view.md_ver = 1; // against the 0 there
     view.md_base = &no_bucket;
     return view;
 }
@@ -51,6 +53,13 @@ static void step_back()
 {
     shkv_db_pos_gbl = shkv_db_pos_gbl ? shkv_db_pos_gbl - 1 : HEADS - 2;
     shkv_db_heads[shkv_db_pos_gbl].access_mode = 0;
+}
+
+void forget_view(const shkv_head *head)
+{
+    int handle = handle_of(head);
+    if (handle)
+        __atomic_store_n(&head_privs[handle - 1].view_p, &no_view, __ATOMIC_SEQ_CST);
 }
 
 int shkv_set_heads(const shkv_head *local_p)
@@ -79,6 +88,7 @@ void shkv_clear_head(int handle)
     if (handle >= 1 && handle <= HEADS) {
         shkv_head *head = &shkv_db_heads[handle - 1];
         put32(&head->access_mode, 0);
+        forget_view(head);
         head->refill_pos = 0;
         head->sn = nullptr;
         head->open_tid = 0;

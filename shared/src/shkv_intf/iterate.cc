@@ -300,10 +300,11 @@ static int iterate_once(iter_op *op_p, int reset)
 // in force (quick.h), in one piece of code. 0, or QUICK_NO with nothing done, the cursor where it was.
 QUICK_INLINE int quick_iterate(int handle, shkv_buf *key, shkv_buf *val, shkv_iter_pos *pos)
 {
-    shkv_head *head = nullptr;
-    const quick_view *view_p = quick_view_of(handle, &head);
-    if (!view_p || view_p->vector || !(head->access_mode & (SHKV_AM_WRITE | SHKV_AM_ITER)) || !key ||
-        !key->ptr || !val || !val->ptr)
+    const quick_view *view_p = quick_view_of(handle);
+    if (!view_p || view_p->vector || !key || !key->ptr || !val || !val->ptr)
+        return QUICK_NO;
+    shkv_head *head = &shkv_db_heads[handle - 1];
+    if (!(head->access_mode & (SHKV_AM_WRITE | SHKV_AM_ITER)))
         return QUICK_NO;
     uint32_t off = head->iter_off, bkt = head->iter_bkt, ordinal = off ? head->iter_cnt + 1 : 1;
     while (off == 0) {

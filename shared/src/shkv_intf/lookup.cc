@@ -19,6 +19,7 @@
 #include "shkv_intf/addr.h"
 #include "shkv_intf/chain.h"
 #include "shkv_intf/guard.h"
+#include "shkv_intf/lookup_vector.h"
 #include "shkv_intf/mapping.h"
 #include "shkv_intf/obj_remap.h"
 #include "shkv_intf/quick.h"
@@ -212,8 +213,8 @@ static void take_interim(const lookup_op *op_p, const udn *rec_p, uint32_t off, 
 }
 
 // The list's space is cut when its reshape is given up: false when that has happened.
-static __attribute__((noinline)) bool take_interim_guarded(const lookup_op *op_p, const udn *rec_p, uint32_t off,
-                                                           uint32_t limit, interim_answer *out_p)
+static __attribute__((noinline)) bool take_interim_guarded(const lookup_op *op_p, const udn *rec_p,
+                                                           uint32_t off, uint32_t limit, interim_answer *out_p)
 {
     GUARD(faulted);
     take_interim(op_p, rec_p, off, limit, out_p);
@@ -299,7 +300,6 @@ static int look_at_tables(lookup_op *op_p)
         ret = look_at_table(op_p, &op_p->sec, op_p->two_uds ? op_p->sec.ud : op_p->prim.ud);
     return ret;
 }
-
 
 // A reshape moves records from where this look has not been yet to where it was: one look that
 // meets nothing is not enough.
@@ -387,31 +387,33 @@ static __attribute__((noinline)) int lookup_in_full(int handle, const shkv_buf *
 
 int shkv_lookup(int handle, const shkv_buf *key, shkv_buf *value)
 {
+    uint32_t slot = (uint32_t)handle - 1;
+    if (UNLIKELY(slot >= HEADS))
+        return lookup_in_full(handle, key, value);
+    if (UNLIKELY(quick_vector(slot))) {
+        int ret = lookup_vector(handle, key, value);
+        return LIKELY(ret >= 0) ? ret : lookup_in_full(handle, key, value);
+    }
     // For the way back from a fault, which finds no other local as it was.
-    volatile int handle_arg = handle;
+    volatile uint32_t slot_arg = slot;
     const shkv_buf *volatile key_arg = key;
     shkv_buf *volatile value_arg = value;
     GUARD_ARM(in_full); // for what a view leads to; without one nothing is looked at under it
     {
         key = key_arg;
         value = value_arg;
-        shkv_head *head = nullptr;
-        const quick_view *view_p = quick_view_of(handle_arg, &head);
+        const quick_view *view_p = quick_view_at(slot_arg);
         if (LIKELY(view_p && quick_args_ok(key, value))) {
             const char *key_p = (const char *)key->ptr;
             uint32_t key_len = key->len;
             const mdn *bucket = quick_bucket(view_p, key_p, key_len, QUICK_UNASKED);
-            int ret = QUICK_NO;
-            if (LIKELY(!view_p->vector))
-                ret = quick_look(head, view_p, bucket, key_p, key_len, value);
-            else if (key_len <= QUICK_VEC_KEY)
-                ret = quick_look_vector(head, view_p, bucket, key_p, key_len, value);
+            int ret = LIKELY(!view_p->vector) ? quick_look(view_p, bucket, key_p, key_len, value) : QUICK_NO;
             if (LIKELY(ret == 0))
                 return 0;
-            if (ret == QUICK_MISS && quick_miss(head, view_p, bucket, key_p, key_len) == ENOENT)
+            if (ret == QUICK_MISS && quick_miss(view_p, bucket, key_p, key_len) == ENOENT)
                 return ENOENT;
         }
     }
 in_full:
-    return lookup_in_full(handle_arg, key_arg, value_arg);
+    return lookup_in_full((int)slot_arg + 1, key_arg, value_arg);
 }

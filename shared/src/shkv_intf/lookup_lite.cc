@@ -51,8 +51,9 @@ static int look(shkv_head *head, int shkvh, const shkv_buf *key, shkv_buf *value
     const mdn *md_base = md_mapped(rec, &md_sz);
     char *ud_base = ud ? ud_mapped(ud, &limit) : nullptr;
     if (!md_base || !ud_base)
-        return get32(&desc->obj_ver) != md_ver || (ud && get32(&sn->ud1.obj_ver) != get32(&ud->ver)) ? LOOK_AGAIN
-                                                                                                     : ENOMEM;
+        return get32(&desc->obj_ver) != md_ver || (ud && get32(&sn->ud1.obj_ver) != get32(&ud->ver))
+                   ? LOOK_AGAIN
+                   : ENOMEM;
     uint32_t bkt = bucket_of(hash_fn(key->ptr, key->len), get32(&desc->hashsz));
     if (bkt >= md_sz / sizeof(mdn))
         return LOOK_AGAIN; // a mapping that is out of step
@@ -101,16 +102,15 @@ int shkv_lookup_lite(int handle, const shkv_buf *key, shkv_buf *value)
     {
         key = key_arg;
         value = value_arg;
-        shkv_head *head = nullptr;
-        const quick_view *view_p = quick_view_of(handle_arg, &head);
+        const quick_view *view_p = quick_view_of(handle_arg);
         if (LIKELY(view_p && (view_p->flg & CF_UD1) && !view_p->vector && value && quick_key_ok(key))) {
             const char *key_p = (const char *)key->ptr;
             uint32_t key_len = key->len;
             const mdn *bucket = quick_bucket(view_p, key_p, key_len, QUICK_UNASKED);
-            int ret = quick_look_lite(head, view_p, bucket, key_p, key_len, value);
+            int ret = quick_look_lite(view_p, bucket, key_p, key_len, value);
             if (LIKELY(ret == 0))
                 return 0;
-            if (ret == QUICK_MISS && quick_miss(head, view_p, bucket, key_p, key_len) == ENOENT)
+            if (ret == QUICK_MISS && quick_miss(view_p, bucket, key_p, key_len) == ENOENT)
                 return ENOENT;
         }
     }

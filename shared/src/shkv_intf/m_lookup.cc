@@ -59,8 +59,7 @@ static __attribute__((noinline)) void look_at_group(const group_op *op_p)
     const mdn *buckets[M_LOOKUP_MAX];
     GUARD_ARM(faulted);
     {
-        shkv_head *head = nullptr;
-        const quick_view *view_p = quick_view_of(op_p->handle, &head);
+        const quick_view *view_p = quick_view_of(op_p->handle);
         if (!view_p || view_p->vector)
             return;
         fetch_group(op_p, view_p, buckets);
@@ -68,8 +67,7 @@ static __attribute__((noinline)) void look_at_group(const group_op *op_p)
             const shkv_buf *key = &op_p->keys[i];
             if (!buckets[i])
                 continue;
-            op_p->results[i] =
-                quick_look(head, view_p, buckets[i], (const char *)key->ptr, key->len, &op_p->vals[i]);
+            op_p->results[i] = quick_look(view_p, buckets[i], (const char *)key->ptr, key->len, &op_p->vals[i]);
             GUARD_HELD(); // a result stands before a later key can fault
         }
     }

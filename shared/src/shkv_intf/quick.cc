@@ -1,4 +1,4 @@
-// The quick look's cold half: the view, the walks of a miss, the vectors.
+// The quick look's cold half: the view and the walks of a miss.
 #include "shkv_intf/quick.h"
 
 #include <errno.h>
@@ -8,9 +8,6 @@
 #include "shkv_intf/mapping.h"
 #include "shkv_intf/obj_remap.h"
 
-#define UNIT_LINK_SZ 4u // unit_next, ahead of the payload of a further unit
-#define UNIT_ROOM (VEC_UNIT_SZ - UNIT_LINK_SZ)
-
 #define QUICK_MIN_SZ 4096u // a mapping that holds any key's offset arithmetic without wrapping
 
 // The bits that tell which table and space to look at. A transaction is its owner's alone, who sees its
@@ -18,7 +15,8 @@
 static uint32_t telling_bits(uint32_t access_mode)
 {
     const uint32_t txn = CF_TXN | CF_TXN_COMMIT;
-    return ~(CF_REFILL1 | CF_REFILL2 | CF_RESH_TOKEN1 | CF_RESH_TOKEN2 | (access_mode & SHKV_AM_WRITE ? 0 : txn));
+    return ~(CF_REFILL1 | CF_REFILL2 | CF_RESH_TOKEN1 | CF_RESH_TOKEN2 |
+             (access_mode & SHKV_AM_WRITE ? 0 : txn));
 }
 
 // The states in which one table and one record space say it all.
@@ -59,13 +57,15 @@ static bool fill_view(shkv_head *head, quick_view *view_p)
     view_p->md_ver_at = offset_in(sn, &db.desc->obj_ver);
     view_p->ud_ver_at = offset_in(sn, &ud_desc_p->obj_ver);
     view_p->link_at = flg & CF_MD1 ? offsetof(udn, md1_next) : offsetof(udn, md2_next);
+    view_p->sn = sn;
     view_p->vector = is_vector(sn);
     view_p->writes = is_fixed(sn) && (head->access_mode & SHKV_AM_WRITE) && !(sn->conf_flg & CONF_MULTIWR);
     view_p->hashsz = get32(&db.desc->hashsz);
     uint32_t md_sz;
     view_p->md_base = md_mapped(db.rec, &md_sz);
     view_p->ud_base = ud_mapped(db.ud, &view_p->limit);
-    view_p->hash_fn = bound_fn(db.rec) == dekhash ? nullptr : bound_fn(db.rec);
+    view_p->hash_fn = bound_fn(db.rec);
+    view_p->own_hash = view_p->hash_fn != dekhash;
     if (!view_p->md_base || !view_p->ud_base || view_p->limit < QUICK_MIN_SZ || view_p->hashsz == 0 ||
         view_p->hashsz > md_sz / sizeof(mdn))
         return false;
@@ -104,37 +104,38 @@ static bool publish_view(shkv_head *head, head_priv *priv_p, const quick_view *v
     return false;
 }
 
-// One thread at a time; another one does without. Without the quick guard there is none at all.
-bool quick_make_view(shkv_head *head, head_priv *priv_p)
+static bool make_view(shkv_head *head, uint32_t slot)
 {
-    if (!guard_quick || __atomic_exchange_n(&priv_p->view_busy, 1, __ATOMIC_ACQUIRE))
-        return false;
-    uint32_t slot = (uint32_t)(priv_p - head_privs), cnt = priv_p->view_cnt;
+    head_priv *priv_p = &head_privs[slot];
+    uint32_t cnt = priv_p->view_cnt;
     quick_view *view_p = free_place(slot, cnt);
-    bool made = view_p && fill_view(head, view_p);
-    if (made) {
-        priv_p->view_cnt++;
-        put_in_force_tsc[slot][cnt % VIEWS] = cycles();
-        made = publish_view(head, priv_p, view_p);
-    }
+    if (!view_p || !fill_view(head, view_p))
+        return false;
+    priv_p->view_cnt++;
+    put_in_force_tsc[slot][cnt % VIEWS] = cycles();
+    return publish_view(head, priv_p, view_p);
+}
+
+// One thread at a time; another one does without. Without the quick guard there is none at all. The
+// head's check is that of check_shkv_hdl.
+const quick_view *quick_new_view(uint32_t slot)
+{
+    shkv_head *head = &shkv_db_heads[slot];
+    head_priv *priv_p = &head_privs[slot];
+    if (!head->sn || !head->access_mode || !guard_quick ||
+        __atomic_exchange_n(&priv_p->view_busy, 1, __ATOMIC_ACQUIRE))
+        return nullptr;
+    bool made = make_view(head, slot);
     put32(&priv_p->view_busy, 0);
-    return made;
+    if (!made)
+        return nullptr;
+    const quick_view *view_p = __atomic_load_n(&priv_p->view_p, __ATOMIC_ACQUIRE);
+    return quick_fits(view_p) ? view_p : nullptr;
 }
 
 // ---- Misses -------------------------------------------------------------------------------------
 
-// Whether the store is in the state that the view was made from.
-static bool still_in_state(const supernode *sn, const quick_view *view_p)
-{
-    __atomic_thread_fence(__ATOMIC_ACQUIRE);
-    const char *base = (const char *)sn;
-    return ((get32(&sn->comm_flg) ^ view_p->flg) & view_p->flg_mask) == 0 &&
-           get32((const uint32_t *)(const void *)(base + view_p->md_ver_at)) == view_p->md_ver &&
-           get32((const uint32_t *)(const void *)(base + view_p->ud_ver_at)) == view_p->ud_ver;
-}
-
-int quick_miss(const shkv_head *head, const quick_view *view_p, const mdn *bucket, const char *key_p,
-               uint32_t key_len)
+int quick_miss(const quick_view *view_p, const mdn *bucket, const char *key_p, uint32_t key_len)
 {
     uint32_t steps = 0, seen = 0;
     for (uint32_t walks = 1;; walks++) {
@@ -145,82 +146,11 @@ int quick_miss(const shkv_head *head, const quick_view *view_p, const mdn *bucke
         if (hit.off != 0 || (walks > 1 && hit.seen != seen))
             return QUICK_NO;
         seen = hit.seen;
-        if (walk_enough(walks, steps))
-            return still_in_state(head->sn, view_p) ? ENOENT : QUICK_NO;
+        if (walk_enough(walks, steps)) {
+            __atomic_thread_fence(__ATOMIC_ACQUIRE); // the walks stay ahead of this last look
+            return quick_fits(view_p) ? ENOENT : QUICK_NO;
+        }
     }
 faulted:
     return QUICK_NO;
-}
-
-// ---- Vectors ------------------------------------------------------------------------------------
-
-// Copies the value, size bytes from at within the first unit, and gives the record's checksum: the
-// first and last byte in use of each unit. -1 when a link leads outside. One pass: a unit is asked for
-// as soon as its link is known, and with it the one behind it in memory, since units are mostly taken
-// from a row and go back as they came.
-static int vector_take(const quick_view *view_p, const quick_hit *hit_p, uint32_t unit_cnt, uint32_t at,
-                       uint32_t size, char *dst_p)
-{
-    const char *unit_p = (const char *)hit_p->udn_p;
-    uint8_t acc = (uint8_t)unit_p[VEC_HEAD_SZ];
-    uint32_t part = VEC_UNIT_SZ - at;
-    if (unit_cnt > 2) { // what is known of the rest: where it ends
-        const char *last_p = view_p->ud_base + ((const vec_udn *)(const void *)unit_p)->last_unit;
-        __builtin_prefetch(last_p);
-        __builtin_prefetch(last_p + 64);
-        __builtin_prefetch(last_p - VEC_UNIT_SZ);
-        __builtin_prefetch(last_p - VEC_UNIT_SZ + 64);
-    }
-    for (; unit_cnt > 1; unit_cnt--) {
-        uint32_t off = get32((const uint32_t *)(const void *)unit_p);
-        if (UNLIKELY(off == 0 || off > hit_p->off_max))
-            return -1;
-        const char *next_p = view_p->ud_base + off;
-        __builtin_prefetch(next_p);
-        __builtin_prefetch(next_p + 64);
-        if (next_p == unit_p + VEC_UNIT_SZ) {
-            __builtin_prefetch(next_p + VEC_UNIT_SZ);
-            __builtin_prefetch(next_p + VEC_UNIT_SZ + 64);
-        }
-        if (LIKELY(part == UNIT_ROOM))
-            memcpy(dst_p, unit_p + UNIT_LINK_SZ, UNIT_ROOM);
-        else
-            memcpy(dst_p, unit_p + at, part);
-        acc ^= (uint8_t)unit_p[VEC_UNIT_SZ - 1] ^ (uint8_t)next_p[UNIT_LINK_SZ];
-        dst_p += part;
-        size -= part;
-        unit_p = next_p;
-        at = UNIT_LINK_SZ;
-        part = UNIT_ROOM;
-    }
-    if (size)
-        memcpy(dst_p, unit_p + at, size);
-    return acc ^ (uint8_t)unit_p[at + size - 1];
-}
-
-// Whether so many units are what a stream of that size takes, its last one included.
-static bool units_fit(uint32_t unit_cnt, uint32_t stream_sz)
-{
-    uint32_t room = unit_cnt * UNIT_ROOM + VEC_UNIT_SZ - VEC_HEAD_SZ;
-    return unit_cnt != 0 && stream_sz + UNIT_ROOM <= room && (unit_cnt == 1 || stream_sz + 2 * UNIT_ROOM > room);
-}
-
-int quick_look_vector(const shkv_head *head, const quick_view *view_p, const mdn *bucket, const char *key_p,
-                      uint32_t key_len, shkv_buf *value)
-{
-    quick_hit hit = quick_find(view_p, bucket, key_p, key_len, true);
-    if (UNLIKELY(!hit.udn_p))
-        return hit.off ? QUICK_NO : QUICK_MISS;
-    uint32_t marks = udn_marks(hit.udn_p), unit_cnt = marks & 0xffff, val_sz = hit.sizes >> 16;
-    uint32_t val_at = VEC_HEAD_SZ + key_len;
-    if (UNLIKELY((marks & MARKS_DELETED) || val_sz > value->len || !units_fit(unit_cnt, key_len + val_sz)))
-        return QUICK_NO;
-    if (val_sz != 0 && get32(&((const vec_udn *)(const void *)hit.udn_p)->val_off) != hit.off + val_at)
-        return QUICK_NO;
-    if (UNLIKELY(vector_take(view_p, &hit, unit_cnt, val_at, val_sz, (char *)value->ptr) != MARKS_CKSUM(marks)))
-        return QUICK_NO;
-    if (UNLIKELY(!quick_holds(head, view_p, bucket, &hit, marks)))
-        return QUICK_NO;
-    value->len = val_sz;
-    return 0;
 }

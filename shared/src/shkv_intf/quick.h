@@ -14,39 +14,39 @@
 #include "shkv_intf/walk.h"
 #include "shkv_intf/word.h"
 
-#define QUICK_DEPTH 16u   // records of one chain; longer ones are the full lookup's
-#define QUICK_VEC_KEY 99u // bytes of a vector's key, so that the value begins in the first unit
-#define QUICK_NO (-1)     // for the full lookup
-#define QUICK_MISS (-2)   // one walk has met a chain's end
+#define QUICK_DEPTH 16u // records of one chain; longer ones are the full lookup's
+#define QUICK_NO (-1)   // for the full lookup
+#define QUICK_MISS (-2) // one walk has met a chain's end
 #define QUICK_UNASKED (1ull << 32)
 #define QUICK_INLINE static inline __attribute__((always_inline))
 #define LIKELY(cond) __builtin_expect(!!(cond), 1)
 #define UNLIKELY(cond) __builtin_expect(!!(cond), 0)
 
-// Makes the view of a handle anew, when the store is in a state that the quick look serves.
-bool quick_make_view(shkv_head *head, head_priv *priv_p) __attribute__((noinline));
+// Makes the view of a head anew, when the store is in a state that the quick look serves; else null.
+const quick_view *quick_new_view(uint32_t slot) __attribute__((noinline));
 
-// The view in force of a handle, or null. The handle's check is that of check_shkv_hdl. A thread beside
-// this one may put another one in force meanwhile; this one stays as it is for as long as it takes.
-QUICK_INLINE const quick_view *quick_view_of(int handle, shkv_head **head_out)
+// Whether the store is in the state that the view was made from.
+QUICK_INLINE bool quick_fits(const quick_view *view_p)
+{
+    const char *sn = (const char *)view_p->sn;
+    return LIKELY(((get32(&view_p->sn->comm_flg) ^ view_p->flg) & view_p->flg_mask) == 0 &&
+                  get32((const uint32_t *)(const void *)(sn + view_p->md_ver_at)) == view_p->md_ver &&
+                  get32((const uint32_t *)(const void *)(sn + view_p->ud_ver_at)) == view_p->ud_ver);
+}
+
+// The view in force of a head, or null: also when no store is open there, for what is closed has lost
+// its view. A thread beside this one may put another one in force meanwhile; this one stays as it is
+// for as long as it takes.
+QUICK_INLINE const quick_view *quick_view_at(uint32_t slot)
+{
+    const quick_view *view_p = __atomic_load_n(&head_privs[slot].view_p, __ATOMIC_ACQUIRE);
+    return quick_fits(view_p) ? view_p : quick_new_view(slot);
+}
+
+QUICK_INLINE const quick_view *quick_view_of(int handle)
 {
     uint32_t slot = (uint32_t)handle - 1;
-    if (UNLIKELY(slot >= HEADS))
-        return nullptr;
-    shkv_head *head = *head_out = &shkv_db_heads[slot];
-    head_priv *priv_p = &head_privs[slot];
-    const char *sn = (const char *)head->sn;
-    if (UNLIKELY(!sn || !head->access_mode))
-        return nullptr;
-    for (bool made = false;; made = true) {
-        const quick_view *view_p = __atomic_load_n(&priv_p->view_p, __ATOMIC_ACQUIRE);
-        if (LIKELY(((get32(&head->sn->comm_flg) ^ view_p->flg) & view_p->flg_mask) == 0 &&
-                   get32((const uint32_t *)(const void *)(sn + view_p->md_ver_at)) == view_p->md_ver &&
-                   get32((const uint32_t *)(const void *)(sn + view_p->ud_ver_at)) == view_p->ud_ver))
-            return view_p;
-        if (made || !quick_make_view(head, priv_p))
-            return nullptr;
-    }
+    return LIKELY(slot < HEADS) ? quick_view_at(slot) : nullptr;
 }
 
 QUICK_INLINE bool quick_key_ok(const shkv_buf *key)
@@ -83,7 +83,7 @@ QUICK_INLINE uint64_t quick_ask(int handle, const shkv_buf *key)
     if (UNLIKELY(slot >= HEADS || !quick_key_ok(key)))
         return QUICK_UNASKED;
     const quick_view *view_p = __atomic_load_n(&head_privs[slot].view_p, __ATOMIC_ACQUIRE);
-    if (UNLIKELY(view_p->hash_fn))
+    if (UNLIKELY(view_p->own_hash))
         return QUICK_UNASKED;
     uint32_t hash = quick_hash((const char *)key->ptr, key->len);
     __builtin_prefetch(view_p->md_base + bucket_by_recip(hash, view_p->recip, view_p->hashsz));
@@ -94,10 +94,9 @@ QUICK_INLINE uint64_t quick_ask(int handle, const shkv_buf *key)
 QUICK_INLINE const mdn *quick_bucket(const quick_view *view_p, const char *key_p, uint32_t key_len,
                                      uint64_t asked)
 {
-    shkv_hash_fn hash_fn = view_p->hash_fn;
     uint32_t hash = (uint32_t)asked;
-    if (UNLIKELY(hash_fn))
-        hash = hash_fn(key_p, key_len);
+    if (UNLIKELY(view_p->own_hash))
+        hash = view_p->hash_fn(key_p, key_len);
     else if (UNLIKELY(asked == QUICK_UNASKED))
         hash = quick_hash(key_p, key_len);
     return view_p->md_base + bucket_by_recip(hash, view_p->recip, view_p->hashsz);
@@ -141,7 +140,7 @@ QUICK_INLINE void quick_copy(void *dst, const void *src, uint32_t len)
 
 // One walk. A record counts only if its head and a key of this length lie in the mapping (of a vector
 // its first unit and one more, so that no offset needs the header's word for it). The key has at most
-// REC_KEY_MAX bytes, of a vector QUICK_VEC_KEY.
+// REC_KEY_MAX bytes, of a vector so few that it ends in the first unit.
 QUICK_INLINE quick_hit quick_find(const quick_view *view_p, const mdn *bucket, const char *key_p,
                                   uint32_t key_len, bool vector)
 {
@@ -169,8 +168,8 @@ QUICK_INLINE quick_hit quick_find(const quick_view *view_p, const mdn *bucket, c
 
 // What walk_holds asks, along the way that the walk took, and that the table is still in force: a
 // record of a table that was left behind is reused with its links standing.
-QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
-                              const quick_hit *hit_p, uint32_t marks)
+QUICK_INLINE bool quick_holds(const quick_view *view_p, const mdn *bucket, const quick_hit *hit_p,
+                              uint32_t marks)
 {
     // The loads that gave the answer stay ahead of those that vouch for it.
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
@@ -182,13 +181,13 @@ QUICK_INLINE bool quick_holds(const shkv_head *head, const quick_view *view_p, c
     }
     uint32_t changed = (off ^ hit_p->off) | (udn_sizes(hit_p->udn_p) ^ hit_p->sizes) |
                        (udn_marks(hit_p->udn_p) ^ marks) |
-                       ((get32(&head->sn->comm_flg) ^ view_p->flg) & view_p->flg_mask);
+                       ((get32(&view_p->sn->comm_flg) ^ view_p->flg) & view_p->flg_mask);
     return LIKELY(changed == 0);
 }
 
 // The whole hit: 0, QUICK_NO or QUICK_MISS.
-QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
-                            const char *key_p, uint32_t key_len, shkv_buf *value)
+QUICK_INLINE int quick_look(const quick_view *view_p, const mdn *bucket, const char *key_p, uint32_t key_len,
+                            shkv_buf *value)
 {
     quick_hit hit = quick_find(view_p, bucket, key_p, key_len, false);
     if (UNLIKELY(!hit.udn_p))
@@ -201,33 +200,29 @@ QUICK_INLINE int quick_look(const shkv_head *head, const quick_view *view_p, con
     if (UNLIKELY(data_cksum_inline(data_p, size) != MARKS_CKSUM(marks)))
         return QUICK_NO;
     quick_copy(value->ptr, data_p + key_len, val_sz);
-    if (UNLIKELY(!quick_holds(head, view_p, bucket, &hit, marks)))
+    if (UNLIKELY(!quick_holds(view_p, bucket, &hit, marks)))
         return QUICK_NO;
     value->len = val_sz;
     return 0;
 }
 
 // The same without a copy and a checksum, whatever mark the record bears.
-QUICK_INLINE int quick_look_lite(const shkv_head *head, const quick_view *view_p, const mdn *bucket,
-                                 const char *key_p, uint32_t key_len, shkv_buf *value)
+QUICK_INLINE int quick_look_lite(const quick_view *view_p, const mdn *bucket, const char *key_p,
+                                 uint32_t key_len, shkv_buf *value)
 {
     quick_hit hit = quick_find(view_p, bucket, key_p, key_len, false);
     if (UNLIKELY(!hit.udn_p))
         return hit.off ? QUICK_NO : QUICK_MISS;
     uint32_t marks = udn_marks(hit.udn_p), val_sz = hit.sizes >> 16;
     uint64_t end = (uint64_t)hit.off + UDN_HEAD_SZ + key_len + val_sz;
-    if (UNLIKELY(end > view_p->limit || !quick_holds(head, view_p, bucket, &hit, marks)))
+    if (UNLIKELY(end > view_p->limit || !quick_holds(view_p, bucket, &hit, marks)))
         return QUICK_NO;
     value->ptr = const_cast<char *>((const char *)hit.udn_p) + UDN_HEAD_SZ + key_len;
     value->len = val_sz;
     return 0;
 }
 
-// The same for a vector store: a key of at most QUICK_VEC_KEY bytes.
-int quick_look_vector(const shkv_head *head, const quick_view *view_p, const mdn *bucket, const char *key_p,
-                      uint32_t key_len, shkv_buf *value) __attribute__((noinline));
-
 // The walks of a miss, as many as there must be: ENOENT, or QUICK_NO when they do not agree, meet the
 // key after all, or end in another state than they began.
-int quick_miss(const shkv_head *head, const quick_view *view_p, const mdn *bucket, const char *key_p,
+int quick_miss(const quick_view *view_p, const mdn *bucket, const char *key_p,
                uint32_t key_len) __attribute__((noinline)); // arms the guard anew

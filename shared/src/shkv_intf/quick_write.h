@@ -39,9 +39,10 @@ QUICK_INLINE uint32_t *quick_link(const quick_write *op_p, udn *udn_p)
 // False when the handle or the store is in a state that asks for the full write.
 QUICK_INLINE bool quick_write_begin(quick_write *op_p, int handle)
 {
-    op_p->view_p = quick_view_of(handle, &op_p->head);
+    op_p->view_p = quick_view_of(handle);
     if (UNLIKELY(!op_p->view_p || !op_p->view_p->writes))
         return false;
+    op_p->head = &shkv_db_heads[handle - 1];
     op_p->sn = op_p->head->sn;
     op_p->sbm_p = (sbm *)(void *)op_p->view_p->ud_base;
     return LIKELY(op_p->head->refill_pos == 0 && !(get32(&op_p->sn->sn_flg) & (SN_DBG_WR | SN_WPROT)) &&

@@ -92,15 +92,6 @@ uint32_t whole_step(const grow_op *op_p)
     return step;
 }
 
-// What a lookup of this handle keeps by obj_ver, which does not move when a growth fails. Behind the
-// exchange of the mapping: pairs with publish_view, which looks at the mapping behind its store.
-void forget_view(const shkv_head *head)
-{
-    int handle = handle_of(head);
-    if (handle)
-        __atomic_store_n(&head_privs[handle - 1].view_p, &no_view, __ATOMIC_SEQ_CST);
-}
-
 // Maps the object from byte 0, in the place of what is mapped. False when that fails; map[0] is null
 // then.
 bool map_whole(const grow_op *op_p, uint32_t sz)
