@@ -1,15 +1,6 @@
 #include "tools/play.h"
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <regex>
-
-#include "shkv.h"
-#include "support/main.h"
 
 std::string run(const std::string &line, int *exit_code)
 {
@@ -31,8 +22,7 @@ void go_on(const std::vector<Step> &steps)
         std::string output = run(step.line, &exit_code);
         EXPECT_EQ(exit_code, step.exit_code) << output;
         if (step.output[0] == '~')
-            EXPECT_TRUE(std::regex_search(output, std::regex(step.output + 1)))
-                << output << "\nlacks " << step.output;
+            EXPECT_TRUE(std::regex_search(output, std::regex(step.output.substr(1)))) << output << "\nlacks " << step.output;
         else
             EXPECT_EQ(output, step.output);
     }
@@ -48,18 +38,13 @@ Holder::Holder(const char *uri, uint32_t mode, const std::function<void(int hand
 {
     int pipes[2];
     EXPECT_EQ(pipe(pipes), 0);
-    pid_ = fork();
-    if (pid_ == 0) {
-        uint32_t err = 0;
-        int handle = shkv_open(uri, 0, 0, mode, &err);
+    pid = start_child([&] {
+        int handle = open_store(uri, mode);
         char ok = handle > 0;
         if (ok && work)
             work(handle);
-        if (write(pipes[1], &ok, 1) != 1)
-            _exit(1);
-        for (;;)
-            pause();
-    }
+        return write(pipes[1], &ok, 1) == 1 ? pause() : 1;
+    });
     char ok = 0;
     EXPECT_EQ(read(pipes[0], &ok, 1), 1);
     EXPECT_TRUE(ok);
@@ -69,9 +54,9 @@ Holder::Holder(const char *uri, uint32_t mode, const std::function<void(int hand
 
 void Holder::kill_it()
 {
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
+    if (pid > 0) {
+        kill(pid, SIGKILL);
+        EXPECT_EQ(end_of(pid), -SIGKILL);
     }
-    pid_ = 0;
+    pid = 0;
 }
