@@ -8,11 +8,11 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <set>
 #include <thread>
 
+#include "args/arguments.h"
 #include "demo/place.h"
 #include "demo/roles.h"
 #include "shkv.h"
@@ -271,14 +271,21 @@ int main(int argc, char **argv)
     demo_start = steady_clock::now();
     Demo demo;
     std::string input;
-    CLI::App app("Loads this machine's package records into a store, kills the writer in the middle, and lets\n"
-                 "another one finish, while readers check every answer.",
-                 "shkv_demo");
+    Arguments app(
+        "Loads this machine's package records into a store, kills the writer in the middle, and lets\n"
+        "another one finish, while readers check every answer.",
+        "shkv_demo");
     app.add_option("--input", input, "File of package records (apt-cache dumpavail, else dpkg's status file)");
     app.add_option("--seconds", demo.seconds, "Time that loading takes; 0 is as fast as it goes")
-        ->check(CLI::Range(0.0, 3600.0));
-    app.add_option("--readers", demo.readers, "Reader processes")->check(CLI::Range(1, READERS_MAX));
-    CLI11_PARSE(app, argc, argv);
+        .range(0.0, 3600.0);
+    app.add_option("--readers", demo.readers, "Reader processes").range(1, READERS_MAX);
+    std::string why;
+    Arguments::Parsed parsed = app.parse(argc, argv, &why);
+    if (parsed != Arguments::GOOD) {
+        bool help = parsed == Arguments::HELP_WANTED;
+        fmt::print(help ? stdout : stderr, "{}", help ? app.help() : "shkv_demo: " + why + "\n");
+        return help ? 0 : 2;
+    }
 
     struct sigaction action = {};
     action.sa_handler = [](int) { interrupted = 1; };

@@ -3,9 +3,6 @@
 
 #include <map>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/lines.h"
 #include "shkvctl/raw_records.h"
@@ -115,11 +112,11 @@ int apply(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
-    app.add_option("FILE", args->file, "JSON Lines; - is standard input")->required();
+    app.add_option("STORE", args->uri, "Name of the store").required();
+    app.add_option("FILE", args->file, "JSON Lines; - is standard input").required();
     app.add_flag("--dry-run", args->dry_run, "Check the file against the store and say what it would do");
     return [args, &ctx] { return apply(*args, ctx); };
 }

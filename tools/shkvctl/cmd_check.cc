@@ -4,9 +4,6 @@
 
 #include <set>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "check/store_check.h"
 #include "shkvctl/common.h"
 #include "shkvctl/listing.h"
@@ -134,7 +131,7 @@ int check(const Args &args, const Context &ctx)
     return listing ? EXIT_OK : EXIT_ERROR;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
     app.add_option("STORE", args->uris, "Name of a store");

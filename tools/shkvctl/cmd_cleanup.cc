@@ -3,9 +3,6 @@
 
 #include <set>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/listing.h"
 #include "shkvctl/procs.h"
@@ -79,11 +76,11 @@ int cleanup(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
     app.add_option("VDC", args->vdc, "The number that SYSMGR_VDC_ID had in the processes that made the stores")
-        ->required();
+        .required();
     app.add_flag("--dry-run", args->dry_run, "Only say which stores these are");
     app.add_flag("--yes", args->yes, "Needed for VDC 0, which is every store made without a VDC");
     return [args, &ctx] { return cleanup(*args, ctx); };

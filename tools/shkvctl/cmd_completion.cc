@@ -5,9 +5,6 @@
 
 #include <algorithm>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 
 namespace
@@ -25,7 +22,7 @@ struct Opt {
     }
 };
 
-struct Described {
+struct DescribedCommand {
     const Command *command;
     std::vector<Opt> options, arguments; // the name of an argument is names[0]
 };
@@ -36,33 +33,25 @@ std::string upper(std::string text)
     return text;
 }
 
-Described describe(const Command &command)
+DescribedCommand describe(const Command &command)
 {
     Context ctx;
-    CLI::App app;
+    Arguments app;
     Run run = command.setup(app, ctx);
     add_common_options(app, ctx);
-    Described all = {&command, {}, {}};
-    for (const CLI::Option *opt : app.get_options()) {
-        Opt one = {{}, opt->get_type_size() == 0 ? "" : upper(opt->get_type_name()), opt->get_description()};
-        if (opt->get_positional()) {
-            one.names.push_back(opt->get_name(true, false));
-            one.takes = opt->get_expected_max() > 1 ? "..." : "";
-            all.arguments.push_back(one);
-            continue;
-        }
-        for (const std::string &name : opt->get_snames())
-            one.names.push_back("-" + name);
-        for (const std::string &name : opt->get_lnames())
-            one.names.push_back("--" + name);
-        all.options.push_back(one);
+    DescribedCommand all = {&command, {}, {}};
+    for (const Described &opt : app.described()) {
+        if (opt.positional)
+            all.arguments.push_back({opt.names, opt.many ? "..." : "", opt.words});
+        else
+            all.options.push_back({opt.names, upper(opt.takes), opt.words});
     }
     return all;
 }
 
-std::vector<Described> describe_all()
+std::vector<DescribedCommand> describe_all()
 {
-    std::vector<Described> all;
+    std::vector<DescribedCommand> all;
     for (const Command *command : commands())
         all.push_back(describe(*command));
     return all;
@@ -78,7 +67,7 @@ std::string join(const std::vector<std::string> &words)
 std::string bash_script()
 {
     std::string names, options, files, stores;
-    for (const Described &d : describe_all()) {
+    for (const DescribedCommand &d : describe_all()) {
         std::vector<std::string> all;
         for (const Opt &opt : d.options) {
             all.insert(all.end(), opt.names.begin(), opt.names.end());
@@ -142,7 +131,7 @@ std::string zsh_option(const Opt &opt)
 std::string zsh_script()
 {
     std::string list, cases;
-    for (const Described &d : describe_all()) {
+    for (const DescribedCommand &d : describe_all()) {
         list += fmt::format("        '{}:{}'\n", d.command->name, quoted(d.command->summary));
         cases += fmt::format("    {})\n        _arguments \\\n", d.command->name);
         for (const Opt &opt : d.options)
@@ -188,7 +177,7 @@ Json json_options(const std::vector<Opt> &options)
 Json json_table()
 {
     Json list = Json::array();
-    for (const Described &d : describe_all()) {
+    for (const DescribedCommand &d : describe_all()) {
         Json examples = Json::array();
         for (const Example &example : d.command->examples)
             examples.push_back({{"line", example.line}, {"does", example.does}});
@@ -216,10 +205,10 @@ int completion(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("SHELL", args->shell, "bash or zsh")->check(CLI::IsMember({"bash", "zsh"}));
+    app.add_option("SHELL", args->shell, "bash or zsh").one_of({"bash", "zsh"});
     return [args, &ctx] { return completion(*args, ctx); };
 }
 } // namespace

@@ -2,9 +2,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/names.h"
 #include "shkvctl/raw_store.h"
@@ -53,7 +50,8 @@ Failure create_failure(const Args &args, const shkv_params &params, uint32_t err
     RawStore raw(dbname_of(args.uri));
     if (err == EEXIST && raw.exists() && !raw.complete())
         return {EXIT_ERROR, EEXIST,
-                fmt::format("store '{}' is there, half made: its creator is at work, or died in the middle", args.uri),
+                fmt::format("store '{}' is there, half made: its creator is at work, or died in the middle",
+                            args.uri),
                 fmt::format("remove it with: shkvctl destroy --force {}", args.uri)};
     if (err == EEXIST && raw.exists())
         return {EXIT_ERROR, EEXIST, fmt::format("store '{}' exists already", args.uri),
@@ -104,17 +102,17 @@ int create(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the new store")->required();
+    app.add_option("STORE", args->uri, "Name of the new store").required();
     app.add_option("--key-max", args->key_max, "Largest key in bytes, 1 to 256 (16)")
-        ->type_name("N")
-        ->check(CLI::Range(1, 256));
+        .type_name("N")
+        .range(1, 256);
     app.add_option("--value-max", args->value_max, "Largest value in bytes, 0 to 2048 (32)")
-        ->type_name("N")
-        ->check(CLI::Range(0, 2048));
-    app.add_option("--entries", args->entries, "Planned number of records (2000)")->type_name("N");
+        .type_name("N")
+        .range(0, 2048);
+    app.add_option("--entries", args->entries, "Planned number of records (2000)").type_name("N");
     app.add_flag("--vector", args->vector,
                  "Records of variable size, in units of 128 bytes: keys to 2048 bytes and "
                  "values to 65000; the planned sizes then only say how much room to begin with");
@@ -124,12 +122,12 @@ Run setup(CLI::App &app, Context &ctx)
     app.add_flag("--write-protected", args->l3,
                  "Keep the records write-protected between writes; small stores only");
     app.add_option("--hash", args->hash, "Hash function (dekhash): " + hash_list())
-        ->type_name("NAME")
-        ->check(CLI::IsMember(hash_names()));
+        .type_name("NAME")
+        .one_of(hash_names());
     app.add_option("--uuid", args->uuid,
                    "Service that owns the store; its stores share a budget (0, which has none)")
-        ->type_name("N");
-    app.add_option("--arg", args->arg, "A number of yours, kept with the configuration")->type_name("N");
+        .type_name("N");
+    app.add_option("--arg", args->arg, "A number of yours, kept with the configuration").type_name("N");
     app.add_flag("--reg-1", args->reg1, "Set 0x10000 in the store's registry record");
     app.add_flag("--reg-2", args->reg2, "Set 0x20000 in the store's registry record");
     return [args, &ctx] { return create(*args, ctx); };

@@ -1,6 +1,4 @@
 // del: deletes keys.
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include "shkvctl/common.h"
 
@@ -41,11 +39,11 @@ int del(const Args &args, const Context &ctx)
     return gone == keys.size() ? EXIT_OK : EXIT_NOT_FOUND;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
-    app.add_option("KEY", args->keys, "Key: text as it is, or @FILE")->required();
+    app.add_option("STORE", args->uri, "Name of the store").required();
+    app.add_option("KEY", args->keys, "Key: text as it is, or @FILE").required();
     app.add_flag("--hex", args->hex, "Keys are hex digits");
     return [args, &ctx] { return del(*args, ctx); };
 }

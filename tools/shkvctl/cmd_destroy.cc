@@ -7,9 +7,6 @@
 
 #include <algorithm>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/listing.h"
 #include "shkvctl/raw_store.h"
@@ -151,10 +148,10 @@ int destroy(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uris, "Name of a store")->required();
+    app.add_option("STORE", args->uris, "Name of a store").required();
     app.add_flag("--force", args->force,
                  "Destroy it also while another process writes to it, and remove what is left of a "
                  "store that does not open");

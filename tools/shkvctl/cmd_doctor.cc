@@ -3,9 +3,6 @@
 
 #include <algorithm>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/doctor.h"
 #include "shkvctl/listing.h"
@@ -67,7 +64,7 @@ int doctor(const Args &args, const Context &ctx)
     return count[Finding::PROBLEM] ? EXIT_ERROR : EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
     app.add_option("STORE", args->uris, "Only these stores, and not the machine");

@@ -5,9 +5,6 @@
 
 #include <optional>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/dump_format.h"
 #include "shkvctl/progress.h"
@@ -112,7 +109,7 @@ void summarize(const Args &args, const Context &ctx, const WalkSum &sum, const s
         Json done = {{"store", args.uri},  {"records", sum.records},         {"exact", sum.unchanged},
                      {"held", args.exact}, {"damaged_records", sum.damaged}, {"broken_chains", sum.cut_chains},
                      {"sha256", sha}};
-        fmt::print(to, "{}\n", done.dump(-1, ' ', false, Json::error_handler_t::replace));
+        fmt::print(to, "{}\n", done.dump());
     } else if (!ctx.quiet) {
         fmt::print(to, "dumped {} of store '{}', {}\n", count_of(sum.records, "record"), args.uri,
                    manner_words(args.exact, sum.unchanged));
@@ -155,14 +152,12 @@ int dump(const Args &args, const Context &ctx)
     return found ? EXIT_ERROR : EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
+    app.add_option("STORE", args->uri, "Name of the store").required();
     app.add_option("FILE", args->file, "File to write; - or nothing is standard output");
-    app.add_option("--format", args->format, "jsonl or tsv (jsonl)")
-        ->type_name("NAME")
-        ->check(CLI::IsMember({"jsonl", "tsv"}));
+    app.add_option("--format", args->format, "jsonl or tsv (jsonl)").type_name("NAME").one_of({"jsonl", "tsv"});
     app.add_flag(
         "--exact", args->exact,
         "Hold the writer's place meanwhile. This opens the store for writing, which finishes what a dead "

@@ -3,9 +3,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/leftovers.h"
 #include "shkvctl/listing.h"
@@ -131,7 +128,7 @@ int gc(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
     app.add_flag("--yes", args->yes, "Do it; without this, only say what would be done");

@@ -3,9 +3,6 @@
 
 #include <algorithm>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/raw_records.h"
 
@@ -97,11 +94,11 @@ int get(const Args &args, const Context &ctx)
     return found == keys.size() ? EXIT_OK : EXIT_NOT_FOUND;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
-    app.add_option("KEY", args->keys, "Key: text as it is, or @FILE")->required();
+    app.add_option("STORE", args->uri, "Name of the store").required();
+    app.add_option("KEY", args->keys, "Key: text as it is, or @FILE").required();
     app.add_flag("--hex", args->hex, "Keys are hex digits, and values are printed so");
     app.add_flag("--raw", args->raw, "Print the bytes of the value and nothing else, no line end either");
     return [args, &ctx] { return get(*args, ctx); };

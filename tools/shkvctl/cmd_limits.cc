@@ -5,9 +5,6 @@
 
 #include <map>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/listing.h"
 #include "shkvctl/names.h"
@@ -92,12 +89,12 @@ int limits(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    CLI::Option *uuid = app.add_option("--uuid", args->uuid, "Only this service")->type_name("N");
+    Argument uuid = app.add_option("--uuid", args->uuid, "Only this service").type_name("N");
     return [args, uuid, &ctx] {
-        args->one = uuid->count() > 0;
+        args->one = uuid.given();
         return limits(*args, ctx);
     };
 }

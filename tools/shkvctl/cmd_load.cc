@@ -4,9 +4,6 @@
 #include <chrono>
 #include <optional>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/dump_format.h"
 #include "shkvctl/progress.h"
@@ -156,19 +153,19 @@ int load(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
+    app.add_option("STORE", args->uri, "Name of the store").required();
     app.add_option("FILE", args->file, "File to read; - or nothing is standard input");
     app.add_option("--format", args->format, "tsv, jsonl, or auto: a line that begins with '{' is JSON (auto)")
-        ->type_name("NAME")
-        ->check(CLI::IsMember({"auto", "tsv", "jsonl"}));
+        .type_name("NAME")
+        .one_of({"auto", "tsv", "jsonl"});
     app.add_flag("--txn", args->txn, "One transaction: readers see all of it at the end, or nothing");
     app.add_option("--batch", args->batch,
                    "Atomic batches of N records, 1 to 31: each is stored whole or not at all")
-        ->type_name("N")
-        ->check(CLI::Range(1, 31));
+        .type_name("N")
+        .range(1, 31);
     app.add_flag("--create", args->create,
                  "Of a dump: make the store as it was, if there is none of this name");
     return [args, &ctx] { return load(*args, ctx); };

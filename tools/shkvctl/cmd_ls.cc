@@ -1,9 +1,6 @@
 // ls: the stores of this machine.
 #include <sys/stat.h>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/listing.h"
 #include "shkvctl/raw_stats.h"
@@ -69,7 +66,7 @@ int ls(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
     app.add_flag("-r,--records", args->records, "Count the records of each store, too");

@@ -4,9 +4,6 @@
 #include <optional>
 #include <thread>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/names.h"
 #include "shkvctl/progress.h"
@@ -42,10 +39,11 @@ void check_state(const Args &args, const RawStore &raw)
     if (raw.is(MDO1N2 | MDN1O2 | CF_RESHAPE))
         throw refused(args, "a reshape is under way", fmt::format("see: shkvctl stat {}", args.uri));
     if (raw.is(CF_RESH_TOKEN1 | CF_RESH_TOKEN2))
-        throw refused(args, "its reshape token is held, by a reshaper that begins or by one that failed",
-                      fmt::format("the token of a reshaper that died stays for the store's life; to make the store "
-                                  "anew: shkvctl dump {0} FILE, destroy --force {0}, load {0} FILE --create",
-                                  args.uri));
+        throw refused(
+            args, "its reshape token is held, by a reshaper that begins or by one that failed",
+            fmt::format("the token of a reshaper that died stays for the store's life; to make the store "
+                        "anew: shkvctl dump {0} FILE, destroy --force {0}, load {0} FILE --create",
+                        args.uri));
     if (raw.is(CF_REFILL1 | CF_REFILL2))
         throw refused(args, "its table is being rebuilt", "the next open for writing finishes that");
 }
@@ -152,20 +150,20 @@ int reshape(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
+    app.add_option("STORE", args->uri, "Name of the store").required();
     app.add_option("--table-size", args->buckets,
                    "Buckets of the new table, rounded up to a prime (as many as now)")
-        ->type_name("N")
-        ->check(CLI::Range((uint64_t)2, (uint64_t)100000000));
+        .type_name("N")
+        .range((uint64_t)2, (uint64_t)100000000);
     app.add_option("--space", args->space,
                    "Size of the new record space in bytes, or with K, M or G (as large as now)")
-        ->type_name("SIZE");
+        .type_name("SIZE");
     app.add_option("--hash", args->hash, "Hash function of the new table (the same): " + hash_list())
-        ->type_name("NAME")
-        ->check(CLI::IsMember(hash_names()));
+        .type_name("NAME")
+        .one_of(hash_names());
     return [args, &ctx] { return reshape(*args, ctx); };
 }
 } // namespace

@@ -1,6 +1,4 @@
 // scan: prints all records of a store.
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include "shkvctl/common.h"
 #include "shkvctl/raw_records.h"
@@ -53,12 +51,12 @@ int scan(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
-    app.add_option("--prefix", args->prefix, "Only keys that begin so")->type_name("TEXT");
-    app.add_option("--limit", args->limit, "Stop after so many records")->type_name("N");
+    app.add_option("STORE", args->uri, "Name of the store").required();
+    app.add_option("--prefix", args->prefix, "Only keys that begin so").type_name("TEXT");
+    app.add_option("--limit", args->limit, "Stop after so many records").type_name("N");
     app.add_flag("--keys", args->keys, "Print keys alone");
     app.add_flag("--count", args->count, "Print only how many there are");
     app.add_flag("--hex", args->hex, "Print hex digits; the prefix is hex, too");

@@ -1,6 +1,4 @@
 // set: stores one record.
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include "shkvctl/common.h"
 
@@ -32,12 +30,12 @@ int set(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
-    app.add_option("KEY", args->key, "Key: text as it is, or @FILE")->required();
-    app.add_option("VALUE", args->value, "Value: text as it is, @FILE, or @- for standard input")->required();
+    app.add_option("STORE", args->uri, "Name of the store").required();
+    app.add_option("KEY", args->key, "Key: text as it is, or @FILE").required();
+    app.add_option("VALUE", args->value, "Value: text as it is, @FILE, or @- for standard input").required();
     app.add_flag("--hex", args->hex, "KEY and VALUE are hex digits");
     return [args, &ctx] { return set(*args, ctx); };
 }

@@ -1,9 +1,6 @@
 // set-opts: whether a store grows by itself, and how long a slice of a table rebuild may take.
 #include <errno.h>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 
 namespace
@@ -38,17 +35,17 @@ int set_opts(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
+    app.add_option("STORE", args->uri, "Name of the store").required();
     app.add_option("--grow", args->grow, "on: the store grows when it is full; off: it keeps its size")
-        ->type_name("on|off")
-        ->check(CLI::IsMember({"on", "off"}));
+        .type_name("on|off")
+        .one_of({"on", "off"});
     app.add_option("--slice", args->slice,
                    "Microseconds that one add may spend on a table rebuild, 0 for no limit")
-        ->type_name("N")
-        ->check(CLI::Range(0, 65535));
+        .type_name("N")
+        .range(0, 65535);
     return [args, &ctx] { return set_opts(*args, ctx); };
 }
 } // namespace

@@ -2,9 +2,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/listing.h"
 #include "shkvctl/names.h"
@@ -152,15 +149,17 @@ void print_under_way(const RawStore &raw, const Report &report)
             rows.push_back(
                 {"  reshape token",
                  fmt::format("held by service {:#x}{}", reshape->token,
-                             reshape->published ? "" : "; no new objects yet: it has just begun, or it failed")});
+                             reshape->published ? ""
+                                                : "; no new objects yet: it has just begun, or it failed")});
         if (reshape->published)
             rows.push_back(
                 {"  reshape", fmt::format("began {:.0f} s ago: {} left to move, {} in the new table, {} on the "
                                           "interim list{}",
-                                          reshape->age, count_of(reshape->left, "record"), thousands(reshape->moved),
-                                          count_of(reshape->interim, "change"),
+                                          reshape->age, count_of(reshape->left, "record"),
+                                          thousands(reshape->moved), count_of(reshape->interim, "change"),
                                           reshape->draining ? "; in its final check" : "")});
-        rows.push_back({"", "if its reshaper has died it stays so for good; this makes the store anew: shkvctl dump,"});
+        rows.push_back(
+            {"", "if its reshaper has died it stays so for good; this makes the store anew: shkvctl dump,"});
         rows.push_back({"", "destroy --force, load --create"});
     }
     if (!rows.empty())
@@ -189,11 +188,11 @@ int stat(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
-    app.add_option("--map", args->map, "Draw the store into this file instead (SVG)")->type_name("FILE");
+    app.add_option("STORE", args->uri, "Name of the store").required();
+    app.add_option("--map", args->map, "Draw the store into this file instead (SVG)").type_name("FILE");
     return [args, &ctx] { return stat(*args, ctx); };
 }
 } // namespace

@@ -5,9 +5,6 @@
 #include <algorithm>
 #include <optional>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/sample.h"
 
@@ -193,22 +190,21 @@ int top(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
     app.add_flag("--once", args->once, "One look and no screen");
-    CLI::Option *interval =
-        app.add_option("-d,--interval", args->interval,
-                       "Seconds between two looks; without a screen: go on until interrupted")
-            ->type_name("S")
-            ->check(CLI::Range(0.1, 3600.0));
+    Argument interval = app.add_option("-d,--interval", args->interval,
+                                       "Seconds between two looks; without a screen: go on until interrupted")
+                            .type_name("S")
+                            .range(0.1, 3600.0);
     app.add_option(
            "--prometheus", args->prometheus,
            "Write the numbers to this file, for the text file collector of the node exporter; the file is "
            "always whole")
-        ->type_name("FILE");
+        .type_name("FILE");
     return [args, interval, &ctx] {
-        args->given = interval->count() > 0;
+        args->given = interval.given();
         return top(*args, ctx);
     };
 }

@@ -7,9 +7,6 @@
 
 #include <algorithm>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/events.h"
 #include "shkvctl/ring.h"
@@ -180,12 +177,12 @@ int trace(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
     app.add_option("STORE", args->uri, "Name of the store");
     app.add_flag("-f,--follow", args->follow, "Go on, and print events as they come");
-    app.add_option("-n,--last", args->last, "Only the last N events")->type_name("N");
+    app.add_option("-n,--last", args->last, "Only the last N events").type_name("N");
     app.add_flag("--list", args->list, "Print all events that there are, and what their values mean");
     return [args, &ctx] { return trace(*args, ctx); };
 }

@@ -1,9 +1,6 @@
 // txn: the transaction of a store, which outlives the processes that work in it.
 #include <errno.h>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/procs.h"
 #include "shkvctl/raw_stats.h"
@@ -98,13 +95,13 @@ int txn(const Args &args, const Context &ctx)
                                     : end(args, ctx);
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
     app.add_option("ACTION", args->action, "status, start, commit or abort")
-        ->required()
-        ->check(CLI::IsMember({"status", "start", "commit", "abort"}));
-    app.add_option("STORE", args->uri, "Name of the store")->required();
+        .required()
+        .one_of({"status", "start", "commit", "abort"});
+    app.add_option("STORE", args->uri, "Name of the store").required();
     return [args, &ctx] { return txn(*args, ctx); };
 }
 } // namespace

@@ -2,9 +2,6 @@
 #include <errno.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/users.h"
 
@@ -112,10 +109,10 @@ int who(const Args &args, const Context &ctx)
     return EXIT_OK;
 }
 
-Run setup(CLI::App &app, Context &ctx)
+Run setup(Arguments &app, Context &ctx)
 {
     auto args = std::make_shared<Args>();
-    app.add_option("STORE", args->uri, "Name of the store")->required();
+    app.add_option("STORE", args->uri, "Name of the store").required();
     return [args, &ctx] { return who(*args, ctx); };
 }
 } // namespace

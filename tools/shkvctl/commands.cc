@@ -1,7 +1,6 @@
 // The table of subcommands, and the help that is made from it.
 #include "shkvctl/commands.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -11,11 +10,11 @@
 const std::vector<const Command *> &commands()
 {
     static const std::vector<const Command *> table = {
-        &cmd_create,   &cmd_ls,      &cmd_stat,   &cmd_destroy, // stores
-        &cmd_set,      &cmd_get,     &cmd_del,    &cmd_scan,    // records
-        &cmd_load,     &cmd_dump,    &cmd_apply,  &cmd_txn,     // many records
-        &cmd_set_opts, &cmd_reshape, &cmd_limits, &cmd_cleanup, &cmd_gc, // upkeep
-        &cmd_check,    &cmd_doctor,  &cmd_who,    &cmd_trace,   &cmd_top, // diagnosis
+        &cmd_create,     &cmd_ls,      &cmd_stat,   &cmd_destroy,           // stores
+        &cmd_set,        &cmd_get,     &cmd_del,    &cmd_scan,              // records
+        &cmd_load,       &cmd_dump,    &cmd_apply,  &cmd_txn,               // many records
+        &cmd_set_opts,   &cmd_reshape, &cmd_limits, &cmd_cleanup, &cmd_gc,  // upkeep
+        &cmd_check,      &cmd_doctor,  &cmd_who,    &cmd_trace,   &cmd_top, // diagnosis
         &cmd_completion,
     };
     return table;
@@ -29,12 +28,12 @@ const Command *find_command(const std::string &name)
     return nullptr;
 }
 
-void add_common_options(CLI::App &app, Context &ctx)
+void add_common_options(Arguments &app, Context &ctx)
 {
     app.add_flag("--json", ctx.json, "Print JSON: one line per answer");
     app.add_flag("-q,--quiet", ctx.quiet, "Print nothing but what was asked for and errors");
-    app.add_option("--log", ctx.log_path, "Append the library's own log to this file")->type_name("FILE");
-    app.set_help_flag("-h,--help", "Print this help");
+    app.add_option("--log", ctx.log_path, "Append the library's own log to this file").type_name("FILE");
+    app.add_help("Print this help");
 }
 
 std::string help_all()
@@ -82,25 +81,23 @@ static std::string option_lines(const std::string &left, const std::string &word
     return text + "\n";
 }
 
-static std::string positional_usage(const CLI::Option &opt)
+static std::string positional_usage(const Described &opt)
 {
-    std::string name = opt.get_name(true, false);
-    if (opt.get_expected_max() > 1)
-        name += "...";
-    return opt.get_required() ? name : "[" + name + "]";
+    std::string name = opt.names[0] + (opt.many ? "..." : "");
+    return opt.required ? name : "[" + name + "]";
 }
 
-std::string help_of(const CLI::App &app, const Command &command)
+std::string help_of(const Arguments &app, const Command &command)
 {
     std::string usage = fmt::format("usage: shkvctl {}", command.name), args, opts;
-    for (const CLI::Option *opt : app.get_options()) {
-        if (opt->get_positional()) {
-            usage += " " + positional_usage(*opt);
-            args += option_lines(opt->get_name(true, false), opt->get_description());
+    for (const Described &opt : app.described()) {
+        if (opt.positional) {
+            usage += " " + positional_usage(opt);
+            args += option_lines(opt.names[0], opt.words);
             continue;
         }
-        std::string takes = opt->get_type_size() == 0 ? "" : " " + opt->get_type_name();
-        opts += option_lines(opt->get_name(false, true) + takes, opt->get_description());
+        std::string takes = (opt.takes.empty() ? "" : " ") + opt.takes;
+        opts += option_lines(fmt::format("{}", fmt::join(opt.names, ",")) + takes, opt.words);
     }
     std::string text = fmt::format("{} [options]\n\n{}\n", usage, command.about);
     if (command.alias)

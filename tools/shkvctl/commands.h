@@ -6,10 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace CLI
-{
-class App;
-}
+#include "args/arguments.h"
 
 struct Example {
     const char *line; // what one types
@@ -32,15 +29,15 @@ struct Command {
     const char *summary;
     const char *about; // a paragraph for the command's own help, lines as they are to stand
     std::vector<Example> examples;
-    Run (*setup)(CLI::App &app, Context &ctx); // declares arguments; the result runs after parsing
+    Run (*setup)(Arguments &app, Context &ctx); // declares arguments; the result runs after parsing
 };
 
 const std::vector<const Command *> &commands();
 const Command *find_command(const std::string &name);
 
-void add_common_options(CLI::App &app, Context &ctx); // --json, --quiet, --log, --help
+void add_common_options(Arguments &app, Context &ctx); // --json, --quiet, --log, --help
 std::string help_all();
-std::string help_of(const CLI::App &app, const Command &command);
+std::string help_of(const Arguments &app, const Command &command);
 
 extern const Command cmd_create, cmd_destroy, cmd_ls, cmd_stat, cmd_set_opts, cmd_reshape;
 extern const Command cmd_set, cmd_get, cmd_del, cmd_scan, cmd_load, cmd_apply, cmd_txn;

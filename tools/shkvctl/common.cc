@@ -7,8 +7,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <nlohmann/json.hpp>
-
 std::string errno_name(int err)
 {
     const char *name = strerrorname_np(err);
@@ -57,7 +55,7 @@ void take_over_stdout()
 
 void print_json(const Json &value)
 {
-    fmt::print(out(), "{}\n", value.dump(-1, ' ', false, Json::error_handler_t::replace));
+    fmt::print(out(), "{}\n", value.dump());
 }
 
 static const char *command_name;

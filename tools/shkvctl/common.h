@@ -11,6 +11,7 @@
 
 #include "shkv.h"
 #include "shkvctl/commands.h"
+#include "shkvctl/json.h"
 #include "shkvctl/text.h"
 
 enum { EXIT_OK = 0, EXIT_NOT_FOUND = 1, EXIT_USAGE = 2, EXIT_ERROR = 3, EXIT_INTERRUPTED = 130 };

@@ -53,18 +53,20 @@ std::string record_line(Format format, const std::string &key, const std::string
 
 static uint64_t number(const Json &meta, const char *name, uint64_t most)
 {
-    auto it = meta.find(name);
-    if (it == meta.end() || !it->is_number_unsigned() || it->get<uint64_t>() > most)
+    const Json *member = meta.find(name);
+    const uint64_t *value = member ? member->count() : nullptr;
+    if (!value || *value > most)
         throw Failure(EXIT_ERROR, EINVAL,
                       fmt::format("the dump does not say how its store was made: \"{}\"", name));
-    return it->get<uint64_t>();
+    return *value;
 }
 
 DumpedStore dumped_store(const Json &head)
 {
-    auto hash = head.find("hash");
+    const Json *member = head.find("hash");
+    const std::string *hash = member ? member->text() : nullptr;
     auto names = hash_names();
-    if (hash == head.end() || std::find(names.begin(), names.end(), *hash) == names.end())
+    if (!hash || std::find(names.begin(), names.end(), *hash) == names.end())
         throw Failure(EXIT_ERROR, EINVAL, "the dumped store used a hash function of its program's own",
                       "make the store first, with shkvctl create, and load without --create");
     return {{(uint16_t)number(head, "key_max", UINT16_MAX), (uint16_t)number(head, "value_max", UINT16_MAX),
@@ -82,9 +84,8 @@ static std::optional<Json> meta_of(const std::string &line)
         text.remove_prefix(1);
     if (!text.starts_with("{\"shkv_dump"))
         return std::nullopt;
-    Json meta = Json::parse(text, nullptr, false);
-    return meta.is_object() && (meta.contains(BEGIN) || meta.contains(END)) ? std::optional(meta)
-                                                                            : std::nullopt;
+    std::optional<Json> meta = Json::parse(text);
+    return meta && (meta->find(BEGIN) || meta->find(END)) ? meta : std::nullopt;
 }
 
 static Failure bad_dump(const LineReader &lines, const std::string &why)
@@ -98,7 +99,7 @@ RecordReader::RecordReader(const std::string &path, Format format) : path_(path)
 
 void RecordReader::at_meta(const Json &meta)
 {
-    if (meta.contains(BEGIN)) {
+    if (meta.find(BEGIN)) {
         if (in_dump_)
             throw bad_dump(lines_, "a dump begins in the middle of another, which is cut short");
         if (number(meta, BEGIN, UINT64_MAX) != 1)
@@ -115,8 +116,9 @@ void RecordReader::at_meta(const Json &meta)
     if (!in_dump_)
         throw bad_dump(lines_, "a dump ends that has not begun: its first lines are missing");
     in_dump_ = false;
-    auto sum = meta.find("sha256");
-    if (sum == meta.end() || *sum != digest_.hex() || number(meta, "records", UINT64_MAX) != records_)
+    const Json *sum = meta.find("sha256");
+    if (!sum || !sum->text() || *sum->text() != digest_.hex() ||
+        number(meta, "records", UINT64_MAX) != records_)
         throw bad_dump(lines_, "the dump is not as it was written: its checksum is another");
 }
 

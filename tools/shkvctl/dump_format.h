@@ -6,11 +6,11 @@
 
 #include <sha2.h>
 
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
 #include "shkv.h"
+#include "shkvctl/json.h"
 #include "shkvctl/lines.h"
 #include "shkvctl/raw_store.h"
 

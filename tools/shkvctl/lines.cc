@@ -5,8 +5,6 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 
 LineReader::LineReader(const std::string &path)
@@ -56,10 +54,10 @@ static Failure bad_line(const LineReader &reader, const std::string &why)
 
 static Json parse_object(const LineReader &reader, const std::string &line)
 {
-    Json obj = Json::parse(line, nullptr, false);
-    if (!obj.is_object())
+    std::optional<Json> obj = Json::parse(line);
+    if (!obj || !obj->is_object())
         throw bad_line(reader, "no JSON object");
-    return obj;
+    return *std::move(obj);
 }
 
 // What unescape and from_hex refuse gets its place in the file.
@@ -87,7 +85,7 @@ Record parse_record(const LineReader &reader, const std::string &line, Format fo
     size_t tab = line.find('\t');
     bool json = format == Format::JSONL || (format == Format::AUTO && line[0] == '{');
     if (json && format == Format::AUTO && tab != std::string::npos) // a key may begin so, too
-        json = Json::accept(line);
+        json = Json::parse(line).has_value();
     if (json)
         return record_of_json(reader, parse_object(reader, line), true);
     if (tab == std::string::npos)
@@ -101,8 +99,9 @@ Record parse_record(const LineReader &reader, const std::string &line, Format fo
 Record parse_change(const LineReader &reader, const std::string &line)
 {
     Json obj = parse_object(reader, line);
-    auto op = obj.find("op");
-    bool set = op != obj.end() && *op == "set", del = op != obj.end() && *op == "del";
+    const Json *op = obj.find("op");
+    const std::string *word = op ? op->text() : nullptr;
+    bool set = word && *word == "set", del = word && *word == "del";
     if (!set && !del)
         throw bad_line(reader, "\"op\" is neither \"set\" nor \"del\"");
     Record rec = record_of_json(reader, obj, set);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "shkvctl/json.h"
 #include "shkvctl/text.h"
 
 // Lines of a file or of standard input ("-"), counted.
@@ -17,7 +18,7 @@ class LineReader
     LineReader(const LineReader &) = delete;
 
     bool next(std::string *line); // without its end; empty lines are passed over
-    std::string_view raw() const // the line as it stands in the file, with its end
+    std::string_view raw() const  // the line as it stands in the file, with its end
     {
         return {line_, raw_len_};
     }

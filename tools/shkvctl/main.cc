@@ -5,15 +5,12 @@
 
 #include <algorithm>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/commands.h"
 #include "shkvctl/common.h"
 
 struct Bound {
     const Command *command;
-    CLI::App *app;
+    Arguments *app;
     Run run;
 };
 
@@ -28,7 +25,7 @@ static int report(const Context &ctx, const Command &command, const Failure &fai
         }
         if (!failure.hint.empty())
             error["hint"] = failure.hint;
-        fmt::print(stderr, "{}\n", error.dump(-1, ' ', false, Json::error_handler_t::replace));
+        fmt::print(stderr, "{}\n", error.dump());
     } else {
         std::string what = failure.what();
         if (failure.err && what.find(errno_name(failure.err)) == std::string::npos)
@@ -58,22 +55,12 @@ static int run(const Context &ctx, const Bound &chosen)
 static int usage_error(const Context &ctx, const std::string &what, const char *command)
 {
     if (ctx.json) {
-        fmt::print(stderr, "{}\n",
-                   Json{{"error", what}, {"command", command}}.dump(-1, ' ', false, Json::error_handler_t::replace));
+        fmt::print(stderr, "{}\n", Json{{"error", what}, {"command", command}}.dump());
         return EXIT_USAGE;
     }
     warn(what);
     fmt::print(stderr, "see: shkvctl {}{}--help\n", command, *command ? " " : "");
     return EXIT_USAGE;
-}
-
-// An option that does not exist explains more than the argument that is missing because of it.
-static std::string parse_words(const CLI::App &app, const CLI::ParseError &error)
-{
-    for (const std::string &rest : app.remaining())
-        if (rest.size() > 1 && rest[0] == '-')
-            return fmt::format("there is no option '{}' (a text that begins so goes behind --)", rest);
-    return error.what();
 }
 
 static int print_help(const std::string &text)
@@ -99,18 +86,18 @@ int main(int argc, char **argv)
 
     name_command(command->name);
     Context ctx;
-    CLI::App app;
+    Arguments app;
     Bound chosen = {command, &app, command->setup(app, ctx)};
     add_common_options(app, ctx);
     if (help)
         return print_help(help_of(app, *command));
-    try {
-        app.parse(argc - 1, argv + 1);
-    } catch (const CLI::CallForHelp &) {
+    std::string why;
+    Arguments::Parsed parsed = app.parse(argc - 1, argv + 1, &why);
+    if (parsed == Arguments::HELP_WANTED)
         return print_help(help_of(app, *command));
-    } catch (const CLI::ParseError &error) {
+    if (parsed == Arguments::WRONG) {
         ctx.json = std::find(argv + 1, argv + argc, std::string("--json")) != argv + argc; // parsed or not
-        return usage_error(ctx, parse_words(app, error), command->name);
+        return usage_error(ctx, why, command->name);
     }
     return run(ctx, chosen);
 }

@@ -3,8 +3,6 @@
 
 #include <string.h>
 
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/listing.h"
 #include "shkvctl/names.h"
 #include "shkvctl/procs.h"
@@ -93,12 +91,9 @@ static void json_under_way(Json &all, const Report &report)
             all["rebuild"]["moved"] = *report.rebuild->moved;
     }
     if (const auto &reshape = report.reshape)
-        all["reshape"] = {{"token_uuid", reshape->token},
-                          {"published", reshape->published},
-                          {"draining", reshape->draining},
-                          {"age", reshape->age},
-                          {"left", reshape->left},
-                          {"moved", reshape->moved},
+        all["reshape"] = {{"token_uuid", reshape->token},  {"published", reshape->published},
+                          {"draining", reshape->draining}, {"age", reshape->age},
+                          {"left", reshape->left},         {"moved", reshape->moved},
                           {"interim", reshape->interim}};
 }
 

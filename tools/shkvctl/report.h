@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "shkvctl/raw_stats.h"
-#include "shkvctl/text.h"
+#include "shkvctl/json.h"
 
 struct TableReport {
     int kind;

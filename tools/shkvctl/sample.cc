@@ -8,8 +8,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/common.h"
 #include "shkvctl/listing.h"
 #include "shkvctl/procs.h"

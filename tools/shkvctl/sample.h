@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "shkvctl/raw_store.h"
-#include "shkvctl/text.h"
+#include "shkvctl/json.h"
 
 struct StoreSample {
     std::string name, state;

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
-#include <nlohmann/json.hpp>
 
 #include "shkvctl/common.h"
 
@@ -132,26 +131,6 @@ std::string from_hex(std::string_view hex)
         bytes += (char)(high << 4 | low);
     }
     return bytes;
-}
-
-void json_put(Json &obj, const char *name, std::string_view bytes)
-{
-    if (is_utf8(bytes))
-        obj[name] = bytes;
-    else
-        obj[std::string(name) + "_hex"] = to_hex(bytes);
-}
-
-bool json_take(const Json &obj, const char *name, std::string *bytes)
-{
-    auto plain = obj.find(name), hex = obj.find(std::string(name) + "_hex");
-    if (plain != obj.end() && plain->is_string())
-        *bytes = plain->get<std::string>();
-    else if (hex != obj.end() && hex->is_string())
-        *bytes = from_hex(hex->get<std::string>());
-    else
-        return false;
-    return true;
 }
 
 std::string human_size(uint64_t bytes)

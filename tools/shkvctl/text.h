@@ -2,12 +2,9 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
-
-using Json = nlohmann::ordered_json;
 
 // Bytes as text: \t \n \r \\ and \xNN for whatever is not printable UTF-8. unescape is the
 // inverse and throws Failure (usage) on a bad escape. With lines, tabs, line ends and
@@ -18,11 +15,6 @@ std::string unescape(std::string_view text);
 std::string to_hex(std::string_view bytes);
 std::string from_hex(std::string_view hex); // throws Failure (usage)
 bool is_utf8(std::string_view bytes);
-
-// {"key": text}, or {"key_hex": hex} when the bytes are no text; from_json is the inverse, and
-// false when neither member is there.
-void json_put(Json &obj, const char *name, std::string_view bytes);
-bool json_take(const Json &obj, const char *name, std::string *bytes);
 
 std::string human_size(uint64_t bytes);             // "140.0 KiB"
 std::string human_time(double seconds);             // "33 ms", "4.2 s"

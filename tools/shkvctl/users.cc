@@ -16,8 +16,6 @@
 #include <fstream>
 #include <sstream>
 
-#include <nlohmann/json.hpp>
-
 #include "shkvctl/procs.h"
 
 namespace

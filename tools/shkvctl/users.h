@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "shkvctl/raw_store.h"
-#include "shkvctl/text.h"
+#include "shkvctl/json.h"
 
 struct Process {
     uint32_t pid = 0;
