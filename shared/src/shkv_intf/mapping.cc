@@ -11,6 +11,16 @@
 // More than a handle replaces in the time of the wait: a space doubles, and can do so 20 times.
 #define OLD_MAX 32
 
+#define HUGE_PAGE_SZ (2u << 20)
+
+void *map_object(int fd, uint32_t sz, int prot, uint32_t at)
+{
+    void *base_p = mmap(nullptr, sz, prot, MAP_SHARED, fd, at);
+    if (base_p != MAP_FAILED && sz >= HUGE_PAGE_SZ)
+        madvise(base_p, sz, MADV_HUGEPAGE); // a refusal changes nothing
+    return base_p;
+}
+
 struct old_mapping {
     void *base_p; // null: a free place
     void *const *of_pp; // where its address stood
@@ -120,18 +130,13 @@ bool mapping_unblank(const shkv_head *head, void **base_pp, uint32_t *size_p, in
     return true;
 }
 
-static void *map_object(int fd, uint32_t sz, int prot)
-{
-    return mmap(nullptr, sz, prot, MAP_SHARED, fd, 0);
-}
-
 bool mapping_replace(shkv_head *head, void **base_pp, uint32_t *size_p, int fd, uint32_t sz, int prot)
 {
-    void *base_p = map_object(fd, sz, prot);
+    void *base_p = map_object(fd, sz, prot, 0);
     if (base_p == MAP_FAILED) {
         mapping_give_up(head, base_pp, size_p);
         mapping_drop_old(head);
-        if ((base_p = map_object(fd, sz, prot)) == MAP_FAILED)
+        if ((base_p = map_object(fd, sz, prot, 0)) == MAP_FAILED)
             return false;
     }
     void *old_p = *base_pp;

@@ -11,6 +11,11 @@
 
 #define STAND_MS 1000u // how long a thread may stand on what was replaced; a reshape waits as long
 
+// Maps sz bytes of an object from byte at on; MAP_FAILED with errno. Where its mount leaves huge pages to
+// those who ask (huge=advise), this asks: a lookup in a large store then waits for memory alone, and not
+// for the page tables as well.
+void *map_object(int fd, uint32_t sz, int prot, uint32_t at);
+
 // Exchanges what *base_pp and *size_p say for sz bytes of fd. Without room for both mappings the old
 // one goes first. False with errno when there is no mapping at all now: null and 0. One thread at a
 // time for one address: obj_sem sees to it, and for MD_TXN there is but the writer.

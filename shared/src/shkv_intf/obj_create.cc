@@ -15,6 +15,7 @@
 
 #include "diag/fail.h"
 #include "diag/log.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/proc.h"
 #include "shkv_intf/shm.h"
 #include "shkv_intf/sizing.h"
@@ -28,7 +29,7 @@ static void *size_and_map(const char *path, int fd, uint32_t obj_sz, uint32_t uu
     void *base_p = MAP_FAILED;
     if (ftruncate(fd, obj_sz) == 0) {
         text = "uuid:%d,failed to mmap mu shm obj,errno:%d";
-        base_p = mmap(nullptr, obj_sz, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        base_p = map_object(fd, obj_sz, PROT_READ | PROT_WRITE, 0);
     }
     if (base_p != MAP_FAILED)
         return base_p;

@@ -17,6 +17,7 @@
 #include "diag/fail.h"
 #include "diag/log.h"
 #include "diag/trace.h"
+#include "shkv_intf/mapping.h"
 #include "shkv_intf/proc.h"
 #include "shkv_intf/shm.h"
 #include "shkv_intf/sizing.h"
@@ -127,7 +128,7 @@ static int open_and_map(reopen_op *op_p, const char *path)
                         "uuid:%d,failed to ftruncate supernode shm,errno:%d", uuid, errno);
     if (op_p->obj_sz == 0)
         return 1;
-    void *base_p = mmap(nullptr, op_p->obj_sz, op_p->prot, MAP_SHARED, op_p->fd, 0);
+    void *base_p = map_object(op_p->fd, op_p->obj_sz, op_p->prot, 0);
     if (base_p == MAP_FAILED)
         return fail_err(op_p->ring_p, 0x36, (uint32_t)errno, op_p->err_p, ENOMEM,
                         "uuid:%d,failed to mmap mdnode shm:%d", uuid, errno);

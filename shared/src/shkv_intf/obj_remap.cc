@@ -88,7 +88,7 @@ static int add_chunks(shkv_head *head, ud_map *map_p, uint32_t obj_sz, int prot,
         void *piece_p = MAP_FAILED;
         errno = ENOMEM;
         if (map_p->map_cnt < UD_MAPS)
-            piece_p = mmap(nullptr, piece_sz, prot_for(head, prot), MAP_SHARED, map_p->fd, map_p->mapped_sz);
+            piece_p = map_object(map_p->fd, piece_sz, prot_for(head, prot), map_p->mapped_sz);
         if (piece_p == MAP_FAILED) {
             *err_p = (uint32_t)fail_pair(ring_of(head->sn), 0xf7, (uint32_t)errno, map_p->mapped_sz, ENOMEM,
                                          "uuid:%d,failed to mmap obj shm:%d", (int)head->sn->uuid, errno);

@@ -145,8 +145,7 @@ int grow_chunk(grow_op *op_p)
     int result = lengthen(op_p);
     if (result != 0 || ud->mapped_sz >= new_sz) // mapped by a growth that gained nothing
         return result;
-    void *piece = ud->map_cnt < UD_MAPS ? mmap(nullptr, op_p->step, PROT_READ | PROT_WRITE, MAP_SHARED, ud->fd,
-                                               op_p->old_sz)
+    void *piece = ud->map_cnt < UD_MAPS ? map_object(ud->fd, op_p->step, PROT_READ | PROT_WRITE, op_p->old_sz)
                                         : MAP_FAILED;
     if (piece == MAP_FAILED)
         return fail(op_p->ring_p, 0xF6, errno, ENOMEM, "fd %d failed to mmap obj shm:%d", ud->fd, errno);
