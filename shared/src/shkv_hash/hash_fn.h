@@ -35,6 +35,18 @@ static inline uint32_t dek_fold8(uint64_t word)
     return rotl32((uint32_t)by4, 20) ^ (uint32_t)(by4 >> 32);
 }
 
+// dekhash of a key of 16 bytes, both of its words folded at once.
+static inline uint32_t dekhash16_inline(const void *key)
+{
+    typedef uint16_t v8u16 __attribute__((vector_size(16), may_alias));
+    typedef uint32_t v4u32 __attribute__((vector_size(16), may_alias));
+    v8u16 bytes;
+    memcpy(&bytes, key, sizeof bytes);
+    v4u32 by2 = (v4u32)((bytes << 5 & (uint16_t)0x1fe0) ^ bytes >> 8);
+    v4u32 by4 = (by2 << 10 & 0x03fffc00u) ^ by2 >> 16;
+    return rotl32(by4[0] ^ rotl32(16, 20), 28) ^ rotl32(by4[1], 8) ^ rotl32(by4[2], 20) ^ by4[3];
+}
+
 // The bytes of a key of 1 to 7, at the upper end of a word; zeros below them count for nothing.
 static inline uint64_t load_short(const unsigned char *key_p, uint32_t len)
 {

@@ -70,7 +70,7 @@ QUICK_INLINE uint32_t bucket_by_recip(uint32_t hash, uint64_t recip, uint32_t ha
 QUICK_INLINE uint32_t quick_hash(const char *key_p, uint32_t key_len)
 {
     if (LIKELY(key_len == 16))
-        return dekhash_inline(key_p, 16);
+        return dekhash16_inline(key_p);
     return key_len == 8 ? dekhash_inline(key_p, 8) : dekhash(key_p, key_len);
 }
 
