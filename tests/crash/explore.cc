@@ -17,65 +17,57 @@ extern "C" int __wrap_usleep(unsigned)
     return 0; // the waits of a reshape are for readers; here are none
 }
 
-struct tally {
-    uint64_t states = 0, failed = 0;
-};
-
 struct explorer {
     const scenario &scene;
-    tally *tally_p;
+    uint64_t *states_p, *failed_p;
     prepared state;
 
-    void explore(bool with_recovery);
-    void failed(uint64_t at, uint64_t at2, const std::string &why);
-};
-
-void explorer::failed(uint64_t at, uint64_t at2, const std::string &why)
-{
-    if (++tally_p->failed <= 20)
-        printf("FAILED %s (%s) killed at store %lu%s%s: %s\n", scene.name,
-               KIND_NAMES[scene.kind],
-               (unsigned long)at, at2 ? ", then at " : "", at2 ? std::to_string(at2).c_str() : "", why.c_str());
-}
-
-// with_recovery: after each kill the next writer's open is killed at each of its stores, too.
-void explorer::explore(bool with_recovery)
-{
-    for (uint64_t at = 1;; ++at) {
-        restore_snapshot(state.at_rest);
+    // what in a process that is killed at its store number at; true when it lived so long.
+    template <typename F> bool killed(uint64_t at, F what)
+    {
         int end = in_child([&] {
             hooks_arm(at);
-            act(scene, state, nullptr);
+            what();
             return 0;
         });
         if (end != EXIT_KILLED && end != 0)
-            failed(at, 0, "the operation itself ends with " + std::to_string(end));
-        ++tally_p->states;
-        snapshot dead;
-        if (with_recovery && end == EXIT_KILLED)
-            dead = take_snapshot();
+            failed(at, 0, "it ends by itself with " + std::to_string(end));
+        return end == EXIT_KILLED;
+    }
+    void judge(uint64_t at, uint64_t at2)
+    {
+        ++*states_p;
         std::string why = judge_state(scene, state, false);
         if (!why.empty())
-            failed(at, 0, why);
-        for (uint64_t at2 = 1; with_recovery && end == EXIT_KILLED; ++at2) {
-            restore_snapshot(dead);
-            int end2 = in_child([&] {
-                uint32_t err;
-                hooks_arm(at2);
-                open_store(SHKV_AM_WRITE, &err);
-                return 0;
-            });
-            if (end2 != EXIT_KILLED)
-                break;
-            ++tally_p->states;
-            why = judge_state(scene, state, false);
-            if (!why.empty())
-                failed(at, at2, why);
-        }
-        if (end != EXIT_KILLED)
-            return;
+            failed(at, at2, why);
     }
-}
+    void failed(uint64_t at, uint64_t at2, const std::string &why)
+    {
+        if (++*failed_p <= 20)
+            printf("FAILED %s (%s) killed at store %lu, then at %lu: %s\n", scene.name, KIND_NAMES[scene.kind],
+                   (unsigned long)at, (unsigned long)at2, why.c_str());
+    }
+    // with_recovery: after each kill the next writer's open is killed at each of its stores, too.
+    void explore(bool with_recovery)
+    {
+        bool goes_on = true;
+        for (uint64_t at = 1; goes_on; ++at) {
+            restore_snapshot(state.at_rest);
+            goes_on = killed(at, [&] { act(scene, state, nullptr); });
+            snapshot dead;
+            if (with_recovery && goes_on)
+                dead = take_snapshot();
+            judge(at, 0);
+            for (uint64_t at2 = 1; with_recovery && goes_on; ++at2) {
+                restore_snapshot(dead);
+                uint32_t err;
+                if (!killed(at2, [&] { open_store(SHKV_AM_WRITE, &err); }))
+                    break;
+                judge(at, at2);
+            }
+        }
+    }
+};
 
 // All sequences of two operations: the second one killed at each of its stores.
 static std::vector<scenario> pairs()
@@ -95,24 +87,22 @@ int main(int argc, char **argv)
     std::string mode = argc > 1 ? argv[1] : "short", only = argc > 2 ? argv[2] : "";
     if (!private_shm())
         return fprintf(stderr, "cannot make a mount namespace with a /dev/shm of its own\n"), 1;
-    tally total;
+    uint64_t states = 0, failed = 0;
     for (const scenario &scene : mode == "pairs" ? pairs() : scenarios()) {
         bool recovery_scene = scene.act[0].kind == COMMIT || scene.act[0].kind == BATCH_ADD ||
                               scene.act[0].kind == BATCH_DEL || scene.fill;
         if ((!only.empty() && only != scene.name) || (mode == "short" && !scene.in_short) ||
             (mode == "recovery" && !recovery_scene))
             continue;
-        uint64_t states = total.states;
-        explorer run{scene, &total, {}};
+        uint64_t before = states;
+        explorer run{scene, &states, &failed, {}};
         if (!prepare(scene, &run.state)) {
             run.failed(0, 0, "cannot be set up");
             continue;
         }
         run.explore(mode == "recovery");
-        printf("%-26s %-7s %8lu states\n", scene.name,
-               KIND_NAMES[scene.kind],
-               (unsigned long)(total.states - states));
+        printf("%-26s %-7s %8lu states\n", scene.name, KIND_NAMES[scene.kind], (unsigned long)(states - before));
     }
-    printf("%lu states explored, %lu failed\n", (unsigned long)total.states, (unsigned long)total.failed);
-    return total.failed != 0 || total.states == 0;
+    printf("%lu states explored, %lu failed\n", (unsigned long)states, (unsigned long)failed);
+    return failed != 0 || states == 0;
 }

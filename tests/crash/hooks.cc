@@ -5,10 +5,8 @@
 // is just what a killed writer leaves: shared memory forgets no store.
 #include "crash/hooks.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <stdarg.h>
-#include <string.h>
 #include <sys/mman.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -23,20 +21,18 @@ int range_cnt;
 bool armed;
 uint64_t kill_at, steps;
 
-void step()
+void step_if(bool counts)
 {
-    if (++steps == kill_at)
+    if (armed && counts && ++steps == kill_at)
         _exit(EXIT_KILLED);
 }
 
 void stored(const void *addr)
 {
-    if (!armed)
-        return;
     uintptr_t at = (uintptr_t)addr;
-    for (int i = 0; i < range_cnt; ++i)
+    for (int i = 0; armed && i < range_cnt; ++i)
         if (at >= shared_ranges[i].from && at < shared_ranges[i].to)
-            return step();
+            return step_if(true);
 }
 
 // A long copy is cut in two, so that a half-written record is a state too.
@@ -60,12 +56,6 @@ void hooks_arm(uint64_t at)
     armed = true;
 }
 
-uint64_t hooks_disarm()
-{
-    armed = false;
-    return steps;
-}
-
 extern "C" {
 
 #define QUIET(name, ...) \
@@ -73,16 +63,11 @@ extern "C" {
 QUIET(__tsan_init)
 QUIET(__tsan_func_entry, void *)
 QUIET(__tsan_func_exit)
-#define SIZED(size)                                     \
-    QUIET(__tsan_read##size, void *)                    \
-    QUIET(__tsan_unaligned_read##size, void *)          \
-    void __tsan_write##size(void *addr)                 \
-    {                                                   \
-        stored(addr);                                   \
-    }                                                   \
-    void __tsan_unaligned_write##size(void *addr)       \
-    {                                                   \
-        stored(addr);                                   \
+#define SIZED(size)                      \
+    QUIET(__tsan_read##size, void *)     \
+    void __tsan_write##size(void *addr)  \
+    {                                    \
+        stored(addr);                    \
     }
 SIZED(1)
 SIZED(2)
@@ -90,51 +75,36 @@ SIZED(4)
 SIZED(8)
 SIZED(16)
 QUIET(__tsan_read_range, void *, unsigned long)
-QUIET(__tsan_vptr_update, void **, void *)
 void __tsan_write_range(void *addr, unsigned long)
 {
     stored(addr);
 }
 
-#define ATOMIC(bits, type)                                                                      \
-    type __tsan_atomic##bits##_load(const volatile type *addr, int)                             \
-    {                                                                                           \
-        return __atomic_load_n(addr, __ATOMIC_ACQUIRE);                                         \
-    }                                                                                           \
-    void __tsan_atomic##bits##_store(volatile type *addr, type val, int)                        \
-    {                                                                                           \
-        stored(const_cast<type *>(addr));                                                       \
-        __atomic_store_n(addr, val, __ATOMIC_RELEASE);                                          \
-    }                                                                                           \
-    type __tsan_atomic##bits##_exchange(volatile type *addr, type val, int)                     \
-    {                                                                                           \
-        stored(const_cast<type *>(addr));                                                       \
-        return __atomic_exchange_n(addr, val, __ATOMIC_ACQ_REL);                                \
-    }                                                                                           \
-    type __tsan_atomic##bits##_fetch_add(volatile type *addr, type val, int)                    \
-    {                                                                                           \
-        stored(const_cast<type *>(addr));                                                       \
-        return __atomic_fetch_add(addr, val, __ATOMIC_ACQ_REL);                                 \
-    }                                                                                           \
-    type __tsan_atomic##bits##_fetch_or(volatile type *addr, type val, int)                     \
-    {                                                                                           \
-        stored(const_cast<type *>(addr));                                                       \
-        return __atomic_fetch_or(addr, val, __ATOMIC_ACQ_REL);                                  \
-    }                                                                                           \
-    type __tsan_atomic##bits##_fetch_and(volatile type *addr, type val, int)                    \
-    {                                                                                           \
-        stored(const_cast<type *>(addr));                                                       \
-        return __atomic_fetch_and(addr, val, __ATOMIC_ACQ_REL);                                 \
-    }                                                                                           \
-    int __tsan_atomic##bits##_compare_exchange_strong(volatile type *addr, type *old_p, type val, int, int) \
-    {                                                                                           \
-        stored(const_cast<type *>(addr));                                                       \
-        return __atomic_compare_exchange_n(addr, old_p, val, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE); \
+// Those that the library uses; another one would not link.
+#define ATOMIC(bits, type)                                               \
+    type __tsan_atomic##bits##_load(const volatile type *addr, int)      \
+    {                                                                    \
+        return __atomic_load_n(addr, __ATOMIC_ACQUIRE);                  \
+    }                                                                    \
+    void __tsan_atomic##bits##_store(volatile type *addr, type val, int) \
+    {                                                                    \
+        stored(const_cast<type *>(addr));                                \
+        __atomic_store_n(addr, val, __ATOMIC_RELEASE);                   \
     }
 ATOMIC(8, uint8_t)
 ATOMIC(16, uint16_t)
 ATOMIC(32, uint32_t)
 ATOMIC(64, uint64_t)
+uint32_t __tsan_atomic32_exchange(volatile uint32_t *addr, uint32_t val, int)
+{
+    stored(const_cast<uint32_t *>(addr));
+    return __atomic_exchange_n(addr, val, __ATOMIC_ACQ_REL);
+}
+int __tsan_atomic32_compare_exchange_strong(volatile uint32_t *addr, uint32_t *old_p, uint32_t val, int, int)
+{
+    stored(const_cast<uint32_t *>(addr));
+    return __atomic_compare_exchange_n(addr, old_p, val, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+}
 void __tsan_atomic_thread_fence(int) {}
 void __tsan_atomic_signal_fence(int) {}
 
@@ -175,20 +145,16 @@ int __wrap_munmap(void *base, size_t len)
     return __real_munmap(base, len);
 }
 
-int __wrap_ftruncate(int fd, off_t len)
-{
-    if (armed)
-        step();
-    return __real_ftruncate(fd, len);
-}
 
-// Making and removing a name.
+// A length, and making and removing a name.
 int __real_unlink(const char *);
 int __wrap_unlink(const char *path)
 {
-    if (armed)
-        step();
-    return __real_unlink(path);
+    return step_if(true), __real_unlink(path);
+}
+int __wrap_ftruncate(int fd, off_t len)
+{
+    return step_if(true), __real_ftruncate(fd, len);
 }
 int __real_open(const char *, int, ...);
 int __wrap_open(const char *path, int flags, ...)
@@ -197,8 +163,6 @@ int __wrap_open(const char *path, int flags, ...)
     va_start(args, flags);
     unsigned mode = va_arg(args, unsigned);
     va_end(args);
-    if (armed && (flags & O_CREAT))
-        step();
-    return __real_open(path, flags, mode);
+    return step_if(flags & O_CREAT), __real_open(path, flags, mode);
 }
 }

@@ -83,14 +83,6 @@ TEST(Takeover, second_writer_waits_for_the_first_to_die)
     destroy("place");
 }
 
-TEST(Takeover, lock_of_a_dead_writer_is_taken_over)
-{
-    make_closed("locked");
-    other_process holder([] { EXPECT_EQ(0, kmutex_lock(&open_kv("locked", SHKV_AM_WRITE).sn()->wr_ksem)); });
-    holder.die();
-    destroy("locked");
-}
-
 // Growth stores the header before the descriptor: the writer died in between, or did not.
 TEST(Takeover, growth_that_was_cut_is_finished)
 {
@@ -148,30 +140,6 @@ TEST(Takeover, open_transaction_goes_on_and_a_cut_commit_is_finished)
         EXPECT_EQ("", faults_of("txn"));
         destroy("txn");
     }
-}
-
-TEST(Takeover, destroyed_store_answers_9_everywhere)
-{
-    make_closed("ended", CONF_FIXEDMM | CONF_MULTIWR);
-    kv writer = open_kv("ended", SHKV_AM_WRITE), iter = open_kv("ended", SHKV_AM_READ | SHKV_AM_ITER);
-    other_process destroyer([] { EXPECT_EQ(0, shkv_destroy(open_kv("ended", SHKV_AM_WRITE).handle)); });
-    char room[64];
-    shkv_buf key = {(void *)"key", 3}, val = {room, 32};
-    const std::pair<const char *, int> answers[] = {
-        {"add", shkv_add(writer.handle, &key, &val, 0)},
-        {"delete", shkv_delete(writer.handle, &key)},
-        {"lookup", shkv_lookup(iter.handle, &key, &val)},
-        {"lookup_lite", shkv_lookup_lite(iter.handle, &key, &val)},
-        {"iterate", shkv_iterate(iter.handle, &key, &val, nullptr, 0)},
-    };
-    for (const auto &[what, result] : answers)
-        EXPECT_EQ(9, result) << what;
-    EXPECT_EQ(0, shkv_destroy(writer.handle)); // marked by the other: still to be closed
-    uint32_t err = 0;
-    EXPECT_EQ(0, shkv_open("ended", 5, 0, SHKV_AM_WRITE, &err)); // the open handle is of no use
-    EXPECT_EQ(2u, err);
-    EXPECT_EQ(0, shkv_close(iter.handle));
-    EXPECT_EQ(0, shkv_close(writer.handle));
 }
 
 } // namespace
