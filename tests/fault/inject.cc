@@ -202,60 +202,54 @@ std::string complaint(const scenario &scene, const prepared &state, int end, con
     return judge_state(scene, told, false);
 }
 
-void inject(const scenario &scene, const prepared &state, tally *tally_p)
+// One run of what, which meets a fault. True when it met one.
+template <typename F>
+bool try_one(const scenario &scene, const prepared &state, tally *tally_p, outcome *out_p, const std::string &fault, F what)
 {
-    outcome *out_p = (outcome *)mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    for (for_good = false;; for_good = true) {
+    restore_snapshot(state.at_rest);
+    *out_p = {};
+    int end = in_child(what);
+    if (end == 0 && (target == CALLS ? out_p->done : !out_p->injected))
+        return false;
+    ++tally_p->runs;
+    std::string why = complaint(scene, state, end, *out_p);
+    if (!why.empty() && ++tally_p->failed <= 40)
+        printf("FAILED %s (%s): %s: %s\n", scene.name, KIND_NAMES[scene.kind], fault.c_str(), why.c_str());
+    return true;
+}
+
+void inject(const scenario &scene, const prepared &state, tally *tally_p, outcome *out_p)
+{
+    for (int all = 0; all < 2; ++all) {
+        for_good = all;
         for (int n = 1; n < 200; ++n) {
-            restore_snapshot(state.at_rest);
             countdown = n;
-            *out_p = {};
-            int end = in_child([&] { return run_faulty(scene, state, out_p); });
-            if (end == 0 && !out_p->injected)
+            if (!try_one(scene, state, tally_p, out_p, CALL_NAMES[target] + (" number " + std::to_string(n)) + (all ? " and on" : ""),
+                         [&] { return run_faulty(scene, state, out_p); }))
                 break; // the operation makes fewer such calls
-            ++tally_p->runs;
-            std::string why = complaint(scene, state, end, *out_p);
-            if (!why.empty() && ++tally_p->failed <= 40)
-                printf("FAILED %s (%s): %s number %d%s: %s\n", scene.name, KIND_NAMES[scene.kind],
-                       CALL_NAMES[target], n, for_good ? " and all further" : "", why.c_str());
         }
-        if (for_good)
-            break;
     }
-    munmap(out_p, 4096);
 }
 
 // Memory that is not there: the same on a /dev/shm with 0 to k free pages, for each k.
-void starve(const scenario &scene, const prepared &state, tally *tally_p)
+void starve(const scenario &scene, const prepared &state, tally *tally_p, outcome *out_p)
 {
-    outcome *out_p = (outcome *)mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    const char *ballast = "/dev/shm/ballast"; // all but so many pages go to a file of no store
     target = CALLS;
-    for (int pages = 0; pages < 200; ++pages) {
-        restore_snapshot(state.at_rest);
-        *out_p = {};
-        int end = in_child([&] {
-            // All but so many pages go to a file of no store.
-            std::string ballast = "/dev/shm/ballast";
-            int fd = __real_open(ballast.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    for (int pages = 0, more = 1; more && pages < 200; ++pages) {
+        more = try_one(scene, state, tally_p, out_p, std::to_string(pages) + " pages of memory", [&] {
+            int fd = __real_open(ballast, O_RDWR | O_CREAT | O_TRUNC, 0600);
             std::string page(4096, 'x');
             off_t size = 0;
             while (write(fd, page.data(), page.size()) == (ssize_t)page.size())
                 size += 4096;
             __real_ftruncate(fd, std::max<off_t>(0, size - (off_t)pages * 4096));
             int result = run_faulty(scene, state, out_p);
-            __real_unlink(ballast.c_str());
+            __real_unlink(ballast);
             return result;
         });
-        __real_unlink("/dev/shm/ballast");
-        ++tally_p->runs;
-        std::string why = complaint(scene, state, end, *out_p);
-        if (!why.empty() && ++tally_p->failed <= 40)
-            printf("FAILED %s (%s): with %d pages of memory: %s\n", scene.name, KIND_NAMES[scene.kind], pages,
-                   why.c_str());
-        if (end == 0 && out_p->done)
-            break;
+        __real_unlink(ballast);
     }
-    munmap(out_p, 4096);
 }
 
 } // namespace
@@ -267,6 +261,7 @@ int main(int argc, char **argv)
         return fprintf(stderr, "cannot make a mount namespace with a /dev/shm of its own\n"), 1;
     remount_shm("6m");
     tally total;
+    outcome *out_p = (outcome *)mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     for (const scenario &scene : scenarios()) {
         prepared state;
         if ((!only.empty() && only != scene.name) || (mode == "short" && !scene.in_short))
@@ -280,10 +275,10 @@ int main(int argc, char **argv)
         for (int no = 0; no < CALLS; ++no) {
             target = (call_no)no;
             if (call.empty() || call == CALL_NAMES[no])
-                inject(scene, state, &total);
+                inject(scene, state, &total, out_p);
         }
         if (call.empty() || call == "memory")
-            starve(scene, state, &total);
+            starve(scene, state, &total, out_p);
         printf("%-26s %-7s %8lu faults\n", scene.name, KIND_NAMES[scene.kind], (unsigned long)(total.runs - runs));
     }
     printf("%lu faults injected, %lu failed\n", (unsigned long)total.runs, (unsigned long)total.failed);
