@@ -24,9 +24,10 @@ namespace
 {
 
 constexpr uint32_t KEYS = 10000, CHANGES = 24;
-enum counter { CHECKS, STORES, COMMITS, BATCHES, LOGS, LOOKUPS, IN_GROWTH, IN_REFILL, IN_FLIP, COUNTERS };
-const char *const COUNTER_NAMES[] = {"checks of everything", "stores", "commits", "batches", "half-made logs removed", "lookups beside them",
-                                     "growth of the space", "refill", "flip"};
+enum counter { CHECKS, STORES, COMMITS, BATCHES, LOGS, LOOKUPS, IN_CHANGE, IN_GROWTH, IN_REFILL, IN_FLIP, COUNTERS };
+const char *const COUNTER_NAMES[] = {"checks of everything", "stores", "commits", "batches", "half-made logs removed",
+                                     "lookups beside them", "kills in a change of table or space", "of them growth of the space",
+                                     "refill", "flip"};
 
 struct ledger {
     uint32_t gen, high;   // name of the store; keys below high have been added
@@ -106,8 +107,6 @@ bool number_of(uint32_t gen, uint32_t key, int result, const shkv_buf &val, uint
     return value_of(gen, key, *seq_p) == std::string((const char *)val.ptr, val.len);
 }
 
-// ---- The writers --------------------------------------------------------------------------------
-
 bool look(int handle, uint32_t key, uint32_t *seq_p)
 {
     char room[400];
@@ -116,6 +115,8 @@ bool look(int handle, uint32_t key, uint32_t *seq_p)
     int result = shkv_lookup(handle, &key_buf, &val);
     return number_of(book->gen, key, result, val, seq_p) || wrong("a writer reads", key, result);
 }
+
+// ---- The writers --------------------------------------------------------------------------------
 
 // What the dead writer was about to change is all old or all new, the rest is as the ledger says.
 bool settle(int handle)
@@ -225,18 +226,14 @@ bool single(int handle, uint32_t key, bool adds)
 bool batch(int handle, bool adds)
 {
     std::vector<std::string> names, values;
-    std::vector<shkv_buf> keys, vals;
     for (uint32_t key : choose(2 + rnd(CHANGES - 2), adds)) {
         intend(key, adds);
         names.push_back(key_of(key));
         values.push_back(value_of(book->gen, key, book->seq));
     }
-    for (size_t i = 0; i < names.size(); ++i) {
-        keys.push_back(buf_of(names[i]));
-        vals.push_back(buf_of(values[i]));
-    }
     if (names.empty())
         return true;
+    std::vector<shkv_buf> keys = bufs_of(names), vals = bufs_of(values);
     int result = adds ? shkv_m_add(handle, keys.data(), vals.data(), (uint16_t)keys.size(), 1)
                       : shkv_m_delete(handle, keys.data(), (uint16_t)keys.size(), 1);
     if (result == EEXIST) { // a predecessor died while it made its log, ahead of the mark
@@ -291,8 +288,9 @@ bool step(int handle)
     }
 }
 
-bool writer_life()
+bool writer_life(uint64_t seed)
 {
+    rng_state = seed;
     sigevent event = {};
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = SIGKILL;
@@ -339,8 +337,9 @@ void read_some(int handle, uint32_t gen)
     }
 }
 
-void read_on()
+int read_on(uint64_t seed)
 {
+    rng_state = seed;
     while (!get(book->stop)) {
         uint32_t gen = get(book->gen), err = 0;
         int handle = shkv_open(name_of(gen).c_str(), 0, 0, SHKV_AM_READ, &err);
@@ -351,13 +350,14 @@ void read_on()
         if (handle)
             shkv_close(handle);
     }
+    return 0;
 }
 
 // ---- The kills ----------------------------------------------------------------------------------
 
 // What the step that the dead writer was in had changed beside records: by the bytes of its store, and by
 // what was so before that step.
-uint32_t in_change()
+void note_change()
 {
     supernode dead;
     struct stat st = {};
@@ -365,13 +365,13 @@ uint32_t in_change()
     bool whole = fd >= 0 && read(fd, &dead, sizeof dead) == sizeof dead;
     close(fd);
     if (!whole || !book->flg || book->destroying || stat(object_path(name_of(book->gen), OBJ_UD1).c_str(), &st) != 0)
-        return 0;
+        return;
     bool grows = (size_t)st.st_size != dead.ud1.obj_sz || dead.ud1.obj_ver != book->space_ver;
     bool refills = dead.comm_flg & (CF_REFILL1 | CF_REFILL2), flips = (dead.comm_flg ^ book->flg) & (CF_MD1 | CF_MD2);
     book->counts[IN_GROWTH] += grows;
     book->counts[IN_REFILL] += refills;
     book->counts[IN_FLIP] += flips;
-    return grows || refills || flips;
+    book->counts[IN_CHANGE] += grows || refills || flips;
 }
 
 bool still_runs(pid_t pid)
@@ -387,10 +387,7 @@ bool kill_one(uint64_t seed)
     way_to_die = (way)std::min(rnd(8), (uint32_t)RESIZING);
     uint64_t checks = __atomic_load_n(&book->counts[CHECKS], __ATOMIC_ACQUIRE);
     book->flg = 0;
-    pid_t writer = start_child([=] {
-        rng_state = seed;
-        return writer_life();
-    });
+    pid_t writer = start_child([=] { return writer_life(seed); });
     while (way_to_die != OPENING && still_runs(writer) && __atomic_load_n(&book->counts[CHECKS], __ATOMIC_ACQUIRE) == checks)
         usleep(200);
     for (int i = 0; way_to_die >= FLIPPED && i < 100 && still_runs(writer); ++i)
@@ -414,7 +411,7 @@ extern "C" int __wrap_ftruncate(int fd, off_t len)
 
 int main(int argc, char **argv)
 {
-    uint32_t wanted = argc > 1 ? (uint32_t)atoi(argv[1]) : 100, kills = 0, met = 0;
+    uint32_t wanted = argc > 1 ? (uint32_t)atoi(argv[1]) : 100, kills = 0;
     uint64_t seed = argc > 2 ? strtoull(argv[2], nullptr, 10) : 1;
     if (!private_shm())
         return fprintf(stderr, "cannot make a mount namespace with a /dev/shm of its own\n"), 1;
@@ -422,28 +419,17 @@ int main(int argc, char **argv)
     book = (ledger *)mmap(nullptr, sizeof *book, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     time_t begin = time(nullptr);
     rng_state = seed;
-    pid_t readers[2];
-    for (int i = 0; i < 2; ++i)
-        readers[i] = start_child([=] {
-            rng_state = seed + (uint64_t)i + 1;
-            return read_on(), 0;
-        });
-    while (kills < wanted && !get(book->bad)) {
-        if (!kill_one(seed + 3 + rng_state))
-            continue;
-        ++kills;
-        met += in_change();
-    }
+    const pid_t readers[] = {start_child([=] { return read_on(seed + 1); }), start_child([=] { return read_on(seed + 2); })};
+    while (kills < wanted && !get(book->bad))
+        if (kill_one(seed + 3 + rng_state))
+            note_change(), ++kills;
     set(book->stop, 1);
     for (pid_t reader : readers)
         if (int end = end_of(reader))
             wrong("a reader ended with", (uint32_t)reader, end);
-    printf("%u writers killed in %ld s, %u of them in a change of table or space (", kills, (long)(time(nullptr) - begin),
-           met);
-    for (int i = IN_GROWTH; i < COUNTERS; ++i)
-        printf("%lu %s%s", (unsigned long)book->counts[i], COUNTER_NAMES[i], i + 1 < COUNTERS ? ", " : ");");
-    for (int i = 0; i < IN_GROWTH; ++i)
-        printf(" %lu %s,", (unsigned long)book->counts[i], COUNTER_NAMES[i]);
-    printf(" %u wrong\n", book->bad);
+    printf("%u writers killed in %ld s: ", kills, (long)(time(nullptr) - begin));
+    for (int i = 0; i < COUNTERS; ++i)
+        printf("%lu %s, ", (unsigned long)book->counts[i], COUNTER_NAMES[i]);
+    printf("%u wrong\n", book->bad);
     return book->bad != 0 || kills < wanted;
 }

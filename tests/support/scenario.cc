@@ -27,17 +27,13 @@ int round_no, singles_done;
 int run_op(int handle, const op &what)
 {
     std::vector<std::string> keys, vals;
-    std::vector<shkv_buf> key_bufs, val_bufs;
     ++round_no;
     singles_done = 0;
     for (int i = what.first; what.kind != RESHAPE && i <= what.last; ++i) {
         keys.push_back(key_of(i));
         vals.push_back(val_of(i, what.val_sz, round_no));
     }
-    for (size_t i = 0; i < keys.size(); ++i) {
-        key_bufs.push_back(buf_of(keys[i]));
-        val_bufs.push_back(buf_of(vals[i]));
-    }
+    std::vector<shkv_buf> key_bufs = bufs_of(keys), val_bufs = bufs_of(vals);
     uint16_t cnt = (uint16_t)keys.size();
     int result = 0;
     switch (what.kind) {

@@ -21,6 +21,14 @@ inline shkv_buf buf_of(const std::string &text)
     return {const_cast<char *>(text.data()), (uint32_t)text.size()};
 }
 
+inline std::vector<shkv_buf> bufs_of(const std::vector<std::string> &texts)
+{
+    std::vector<shkv_buf> bufs;
+    for (const std::string &text : texts)
+        bufs.push_back(buf_of(text));
+    return bufs;
+}
+
 enum op_kind { ADD, DEL, TXN, COMMIT, ABORT, BATCH_ADD, BATCH_DEL, RESHAPE, DESTROY, CREATE, LOOKUP };
 struct op {
     op_kind kind;
