@@ -2,7 +2,7 @@
 # The long forms of everything that tries to break the library, one after the other, and a table of
 # what each has covered. Called by ./dev torture, which has built the programs.
 #     torture.sh BUILD FUZZ_BUILD [crash|pairs|recovery|fault|kill|threads|model|api|bytes]...
-# How much: LENGTH (long or short: crash points, faults, model), RECOVERY (one scenario of the recovery),
+# How much: LENGTH (long or short: crash points, faults, model), PAIRS and RECOVERY (one scenario of these),
 # KILLS, THREADS (seconds of each), API_RUNS and BYTES_RUNS.
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -39,7 +39,7 @@ libfuzzer() {
 for what in "$@"; do
     case $what in
     crash) row crash "$build/tests/crash_explore" "$length" ;;
-    pairs) row pairs "$build/tests/crash_explore" pairs ;;
+    pairs) row pairs "$build/tests/crash_explore" pairs ${PAIRS:+"$PAIRS"} ;;
     recovery) row recovery "$build/tests/crash_explore" recovery ${RECOVERY:+"$RECOVERY"} ;;
     fault) row fault "$build/tests/fault_inject" "$length" ;;
     kill) row kill "$build/tests/kill_soak" "${KILLS:-10000}" ;;

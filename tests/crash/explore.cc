@@ -78,7 +78,7 @@ static std::vector<scenario> pairs()
         for (bool fill : {false, true})
             for (const op &first : ops)
                 for (const op &second : ops)
-                    list.push_back({"pair", kind, {op{ADD, 0, 59}, first}, {second}, fill, 0, false});
+                    list.push_back({fill ? "pair with growth" : "pair", kind, {op{ADD, 0, 59}, first}, {second}, fill, 0, false});
     return list;
 }
 
