@@ -5,7 +5,7 @@
 set -euo pipefail
 source=$(realpath "$1") build=${2:+$(realpath "$2")}
 here=$(cd "$(dirname "$0")" && pwd)
-for tool in dpkg-buildpackage dh lintian dh_python3 pkg-config; do
+for tool in dpkg-buildpackage dh lintian dh_python3 pkg-config scdoc; do
     command -v $tool > /dev/null || { echo "skipped: $tool is missing"; exit 77; }
 done
 # A build that was configured for other directories does not serve.
@@ -38,9 +38,7 @@ if grep -E 'dpkg-gensymbols: (warning|error)|dpkg-shlibdeps: warning' "$work/bui
 fi
 
 step lintian
-quiet=
-[ -d "$work/src/debian/tmp/usr/share/man" ] || quiet=no-manual-page
-lintian --fail-on error,warning ${quiet:+--suppress-tags $quiet} "$work"/*.changes > "$work/lintian.log" 2>&1 || {
+lintian --fail-on error,warning "$work"/*.changes > "$work/lintian.log" 2>&1 || {
     cat "$work/lintian.log"
     exit 1
 }
@@ -70,7 +68,8 @@ if [ "$(id -u)" = 0 ]; then
         inside() { env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin chroot "$work/root" "$@"; }
         inside sh -c "dpkg -i /debs/*.deb" > "$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; exit 1; }
         inside /debs/consume.sh "" /use
-        inside dpkg --purge ovo-shkv-tools libovo-shkv-dev libovo-shkv0 > "$work/dpkg.log" 2>&1
+        names=$(for deb in "$work"/*.deb; do dpkg-deb -f "$deb" Package; done)
+        inside dpkg --purge $names > "$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; exit 1; }
         left=$(cd "$work/root" && find usr -name "*shkv*" | head) # the purge takes all of it along
         [ -z "$left" ] || { echo "left behind: $left"; exit 1; }
     ' bash "$work" "$here" && status=0 || status=$?
