@@ -36,11 +36,11 @@ void fill_value(char *at, uint8_t seed, uint32_t len)
         at[i] = (char)(seed + i * 29 + (i >> 8));
 }
 
-bool is_value(const char *at, uint8_t seed, uint32_t len)
+bool is_value(const value_of_key &value, const shkv_buf &got)
 {
     char room[ROOM];
-    fill_value(room, seed, len);
-    return memcmp(at, room, len) == 0;
+    fill_value(room, value.seed, value.len);
+    return got.len == value.len && memcmp(got.ptr, room, value.len) == 0;
 }
 
 // ---- Stores that stand ready --------------------------------------------------------------------
@@ -174,36 +174,35 @@ void check_answer(const value_of_key &value, int ret, const shkv_buf &got, uint3
     else if (room < value.len)
         MUST(ret == EINVAL && got.len == value.len, "too little room gives " + std::to_string(ret));
     else
-        MUST(ret == 0 && got.len == value.len && is_value((const char *)at, value.seed, value.len),
+        MUST(ret == 0 && is_value(value, got),
              "another value than was stored, " + std::to_string(ret));
 }
 
-void look(session *run_p, bool writers, unsigned no, uint32_t room)
-{
-    char bytes[ROOM + 1];
-    bytes[room] = (char)CANARY;
-    const ready_store &store = *run_p->store_p;
-    shkv_buf key = buf_of(run_p->key(no)), val = {bytes, room};
-    int ret = shkv_lookup(writers ? store.writer : store.reader, &key, &val);
-    check_answer((writers ? run_p->writers() : run_p->now)[no], ret, val, room);
-}
-
-void look_many(session *run_p, bool writers)
+// One key by a lookup, several by a group. room: of each buffer.
+void look(session *run_p, bool writers, const std::vector<unsigned> &no, uint32_t room = ROOM)
 {
     static char bytes[M_MAX][ROOM + 1];
     shkv_buf keys[M_MAX], vals[M_MAX];
-    unsigned no[M_MAX], cnt = 1 + run_p->in.byte() % M_MAX;
-    int results[M_MAX];
-    for (unsigned i = 0; i < cnt; ++i) {
-        no[i] = run_p->in.byte() % KEYS;
+    int results[M_MAX], handle = writers ? run_p->store_p->writer : run_p->store_p->reader;
+    for (unsigned i = 0; i < no.size(); ++i) {
         keys[i] = buf_of(run_p->key(no[i]));
-        vals[i] = {bytes[i], ROOM};
-        bytes[i][ROOM] = (char)CANARY;
+        vals[i] = {bytes[i], room};
+        bytes[i][room] = (char)CANARY;
     }
-    const ready_store &store = *run_p->store_p;
-    shkv_m_lookup(writers ? store.writer : store.reader, keys, vals, results, (uint16_t)cnt);
-    for (unsigned i = 0; i < cnt; ++i)
-        check_answer((writers ? run_p->writers() : run_p->now)[no[i]], results[i], vals[i], ROOM);
+    if (no.size() == 1)
+        results[0] = shkv_lookup(handle, keys, vals);
+    else
+        shkv_m_lookup(handle, keys, vals, results, (uint16_t)no.size());
+    for (unsigned i = 0; i < no.size(); ++i)
+        check_answer((writers ? run_p->writers() : run_p->now)[no[i]], results[i], vals[i], room);
+}
+
+std::vector<unsigned> some_keys(input *in_p)
+{
+    std::vector<unsigned> no(1 + in_p->byte() % M_MAX);
+    for (unsigned &each : no)
+        each = in_p->byte() % KEYS;
+    return no;
 }
 
 // A pointer into the store, past transactions.
@@ -217,8 +216,7 @@ void look_lite(session *run_p, unsigned no)
     else if (!value.there)
         MUST(ret == ENOENT, "lookup_lite finds what is not there");
     else
-        MUST(ret == 0 && val.len == value.len && is_value((const char *)val.ptr, value.seed, value.len),
-             "lookup_lite gives another value");
+        MUST(ret == 0 && is_value(value, val), "lookup_lite gives another value");
 }
 
 void add_one(session *run_p, unsigned no)
@@ -252,7 +250,7 @@ bool agrees(const ready_store &store, const table &want, const unsigned *no, uns
         const value_of_key &value = want[no[i]];
         shkv_buf key = buf_of(store.keys[no[i]]), val = {room, ROOM};
         int ret = shkv_lookup(store.writer, &key, &val);
-        if (value.there != (ret == 0) || (ret == 0 && (val.len != value.len || !is_value(room, value.seed, val.len))))
+        if (value.there != (ret == 0) || (ret == 0 && !is_value(value, val)))
             return false;
     }
     return true;
@@ -313,8 +311,7 @@ void iterate_all(session *run_p, bool writers)
             ++no;
         MUST(no < KEYS && ++met <= want, "iterate gives what was never stored, or gives it twice");
         const value_of_key &value = run_p->now[no];
-        MUST(value.there && val.len == value.len && is_value(val_room, value.seed, value.len),
-             "iterate gives another value");
+        MUST(value.there && is_value(value, val), "iterate gives another value");
     }
     MUST(met == want, "iterate gives " + std::to_string(met) + " of " + std::to_string(want));
 }
@@ -371,11 +368,11 @@ void step(session *run_p)
     case 5 ... 7:
         return delete_one(run_p, no);
     case 8 ... 9:
-        return look(run_p, writers, no, ROOM);
+        return look(run_p, writers, {no});
     case 10:
-        return look(run_p, writers, no, run_p->in.byte());
+        return look(run_p, writers, {no}, run_p->in.byte());
     case 11:
-        return look_many(run_p, writers);
+        return look(run_p, writers, some_keys(&run_p->in));
     case 12:
         return look_lite(run_p, no);
     case 13:
@@ -406,12 +403,12 @@ void run(input in)
     while (one.in.left())
         step(&one);
     for (unsigned no = 0; one.txn && no < KEYS; ++no)
-        look(&one, true, no, ROOM);
+        look(&one, true, {no});
     end_txn(&one, first & 4);
     for (unsigned no = 0; no < KEYS; ++no) {
-        look(&one, false, no, ROOM);
+        look(&one, false, {no});
         if (inputs % 8 == 0)
-            look(&one, true, no, ROOM);
+            look(&one, true, {no});
     }
     iterate_all(&one, false);
     if (++inputs % 512 == 0) {
