@@ -91,13 +91,14 @@ static void lites(int handle)
     }
 }
 
-#define PERF extern "C" __attribute__((noinline, visibility("default"))) void
-PERF perf_lookup_hit()
-{
-    lookups(fixed, 0, 0);
-}
+#define PERF(name, work)                                                             \
+    extern "C" __attribute__((noinline, visibility("default"))) void perf_##name()   \
+    {                                                                                \
+        work;                                                                        \
+    }
+PERF(lookup_hit, lookups(fixed, 0, 0))
 // The same by the C++ layer: the same work, so the same count but for the loop.
-PERF perf_cpp_lookup_hit()
+static void cpp_lookups()
 {
     static char out[2048];
     shkv::store db(fixed);
@@ -105,43 +106,16 @@ PERF perf_cpp_lookup_hit()
         wrong += !db.get({keys[i], 16}, out);
     db.release();
 }
-PERF perf_lookup_miss()
-{
-    lookups(fixed, kCnt, 2);
-}
-PERF perf_lookup_lite()
-{
-    lites(fixed);
-}
-PERF perf_m_lookup_16()
-{
-    groups(fixed);
-}
-PERF perf_iterate()
-{
-    iterations(fixed);
-}
-PERF perf_add_replace()
-{
-    adds(fixed, 0, 32);
-}
-PERF perf_add_insert()
-{
-    adds(fixed, kCnt, 32);
-}
-PERF perf_delete()
-{
-    deletes(fixed, kCnt);
-}
-PERF perf_vector_lookup_500()
-{
-    lookups(vector, 0, 0);
-}
-PERF perf_vector_replace_500()
-{
-    adds(vector, 0, 500);
-}
-
+PERF(cpp_lookup_hit, cpp_lookups())
+PERF(lookup_miss, lookups(fixed, kCnt, 2))
+PERF(lookup_lite, lites(fixed))
+PERF(m_lookup_16, groups(fixed))
+PERF(iterate, iterations(fixed))
+PERF(add_replace, adds(fixed, 0, 32))
+PERF(add_insert, adds(fixed, kCnt, 32))
+PERF(delete, deletes(fixed, kCnt))
+PERF(vector_lookup_500, lookups(vector, 0, 0))
+PERF(vector_replace_500, adds(vector, 0, 500))
 
 static const struct {
     const char *name;
