@@ -176,6 +176,8 @@ std::vector<scenario> scenarios()
         add("delete each", {many}, {{DEL, 0, 59}}, false);
         add("delete", {many}, {{DEL, 7, 7}});
         add("free list in use", {many, {DEL, 0, 40}, {ADD, 0, 20}}, {{ADD, 100, 140}}, false);
+        // The ninth delete takes the mark; the 41st, behind its wait, moves what is marked to the free list.
+        add("release", {many, {DEL, 0, 39}}, {{DEL, 40, 41}});
         if (vec) {
             add("two units", {many, {ADD, 5, 9, 150}}, {{ADD, 7, 7, 180}});
             add("five units", {many, {ADD, 5, 9, 500}}, {{ADD, 7, 7, 530}, {DEL, 8, 8}});

@@ -64,7 +64,9 @@ struct checker {
 
     bool check_supernode();
     void check_space(int which);
-    void check_list(space &ud, const char *what, uint32_t head, uint32_t tail, uint64_t count, uint8_t state);
+    void check_list(space &ud, const char *what, uint32_t head, uint32_t tail, uint32_t end, uint64_t count,
+                    uint8_t state);
+    void check_lists(space &ud);
     bool check_record(space &ud, const char *table, uint32_t bucket, uint32_t off, std::string *key_p);
     bool gather(const space &ud, uint32_t off, std::string *bytes_p, std::vector<uint32_t> *units_p);
     void check_table(int obj_t, space &ud, bool md1_link, uint8_t state);
@@ -124,8 +126,9 @@ bool checker::check_supernode()
     return true;
 }
 
-void checker::check_list(space &ud, const char *what, uint32_t head, uint32_t tail, uint64_t count,
-                         uint8_t state)
+// To the node end, or where no link leads on.
+void checker::check_list(space &ud, const char *what, uint32_t head, uint32_t tail, uint32_t end,
+                         uint64_t count, uint8_t state)
 {
     uint64_t seen = 0;
     uint32_t off = head, last = 0;
@@ -138,7 +141,7 @@ void checker::check_list(space &ud, const char *what, uint32_t head, uint32_t ta
         ud.state[unit] = state;
         last = off;
         ++seen;
-        off = ud.word(off);
+        off = off == end ? 0 : ud.word(off);
     }
     if (seen == 0)
         return fault("{}: the {} list has not even its sentinel", ud.name, what);
@@ -178,23 +181,41 @@ void checker::check_space(int which)
         fault("{}: the reserve starts at {}, behind the end {}", ud.name, sbm_p->ud_full, sbm_p->ud_end);
     ud.state.assign(span / sbm_p->dn_sz, UNIT_FRESH);
     ud.usable = true;
-    check_list(ud, "free", sbm_p->free_head, sbm_p->free_tail, (uint64_t)sbm_p->free_cnt + 1, UNIT_FREE);
-    check_list(ud, "hold", sbm_p->hold_head, sbm_p->hold_tail, (uint64_t)sbm_p->hold_cnt + sbm_p->mark_cnt,
+    check_lists(ud);
+}
+
+// The marked part of the hold list goes over to the free list in a few stores, of which a kill may leave
+// the first ones: the free list's last node leads to the hold list's first; that has moved on; the mark is
+// the free list's last node. The next release goes on there, and nobody walks past the tail until then.
+void checker::check_lists(space &ud)
+{
+    const sbm *sbm_p = ud.sbm_p;
+    uint32_t mark = sbm_p->hold_mark, tail = sbm_p->free_tail;
+    uint32_t past = mark && ud.unit_of(tail) >= 0 ? ud.word(tail) : 0;
+    bool moved = mark && (tail == mark || (past && past != sbm_p->hold_head));
+    if (past || moved)
+        loose("{}: the way from the hold list to the free list was cut short", ud.name);
+    check_list(ud, "free", sbm_p->free_head, tail,
+               moved  ? mark
+               : past ? tail
+                      : 0,
+               (uint64_t)sbm_p->free_cnt + 1, UNIT_FREE);
+    check_list(ud, "hold", sbm_p->hold_head, sbm_p->hold_tail, 0, (uint64_t)sbm_p->hold_cnt + sbm_p->mark_cnt,
                UNIT_HELD);
-    if (!sbm_p->hold_mark != !sbm_p->mark_cnt)
+    if (!mark != !sbm_p->mark_cnt)
         loose("{}: a mark without marked nodes, or the reverse", ud.name);
-    if (sbm_p->hold_mark) {
-        uint64_t at = 1;
-        uint32_t off = sbm_p->hold_head;
-        while (off && off != sbm_p->hold_mark && at <= ud.state.size()) {
-            off = ud.unit_of(off) < 0 ? 0 : ud.word(off);
-            ++at;
-        }
-        if (off != sbm_p->hold_mark)
-            fault("{}: the mark {} is not on the hold list", ud.name, sbm_p->hold_mark);
-        else if (at != sbm_p->mark_cnt)
-            loose("{}: the mark is node {} of the hold list, mark_cnt says {}", ud.name, at, sbm_p->mark_cnt);
+    if (!mark || moved)
+        return;
+    uint64_t at = 1;
+    uint32_t off = sbm_p->hold_head;
+    while (off && off != mark && at <= ud.state.size()) {
+        off = ud.unit_of(off) < 0 ? 0 : ud.word(off);
+        ++at;
     }
+    if (off != mark)
+        fault("{}: the mark {} is not on the hold list", ud.name, mark);
+    else if (at != sbm_p->mark_cnt)
+        loose("{}: the mark is node {} of the hold list, mark_cnt says {}", ud.name, at, sbm_p->mark_cnt);
 }
 
 // The stream of a record, key and value, and the units that it takes.
