@@ -1,44 +1,11 @@
 // The writer's place between processes, and what the next one finds after its writer died.
 #include <fcntl.h>
-#include <functional>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
 #include "support/kv.h"
 
 namespace {
-
-// A child that runs what and then waits to be killed.
-struct other_process {
-    pid_t pid;
-
-    explicit other_process(const std::function<void()> &what)
-    {
-        int ready[2];
-        EXPECT_EQ(0, pipe(ready));
-        pid = start_child([&] {
-            what();
-            bool ok = !testing::Test::HasFailure();
-            EXPECT_EQ(1, write(ready[1], ok ? "+" : "-", 1));
-            return pause();
-        });
-        char said = 0;
-        close(ready[1]);
-        EXPECT_EQ(1, read(ready[0], &said, 1));
-        EXPECT_EQ('+', said);
-        close(ready[0]);
-    }
-    void die()
-    {
-        if (pid == 0)
-            return;
-        kill(pid, SIGKILL);
-        EXPECT_EQ(-SIGKILL, end_of(pid));
-        pid = 0;
-    }
-    ~other_process() { die(); }
-};
 
 void make_closed(const char *name, uint32_t conf_flg = CONF_FIXEDMM)
 {
@@ -115,30 +82,6 @@ TEST(Takeover, growth_that_was_cut_is_finished)
         EXPECT_EQ(c.want_sz ? c.want_sz : old_sz, rec.reg_size);
         EXPECT_EQ(0, shkv_close(reader.handle));
         destroy("cut");
-    }
-}
-
-TEST(Takeover, open_transaction_goes_on_and_a_cut_commit_is_finished)
-{
-    for (bool applying : {false, true}) {
-        make_closed("txn");
-        other_process first([&] {
-            kv writer = open_kv("txn", SHKV_AM_WRITE);
-            EXPECT_EQ(0, shkv_txn_start(writer.handle, nullptr));
-            EXPECT_EQ(0, writer.add("staged", "1"));
-            if (applying)
-                writer.sn()->comm_flg |= CF_TXN_COMMIT;
-        });
-        first.die();
-        kv second = open_kv("txn", SHKV_AM_WRITE), reader = open_kv("txn", SHKV_AM_READ);
-        EXPECT_EQ(applying ? 0 : 1, shkv_txn_is_active(second.handle));
-        EXPECT_EQ(applying ? "1" : "#2", reader.at("staged"));
-        EXPECT_EQ(0, shkv_txn_commit(second.handle, nullptr));
-        EXPECT_EQ("1", reader.at("staged"));
-        EXPECT_EQ(0, shkv_close(reader.handle));
-        EXPECT_EQ(0, shkv_close(second.handle));
-        EXPECT_EQ("", faults_of("txn"));
-        destroy("txn");
     }
 }
 

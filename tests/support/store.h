@@ -1,5 +1,6 @@
 // Short forms for tests that work on stores through the interface.
 #pragma once
+#include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <sched.h>
@@ -113,7 +114,37 @@ template <typename F> void in_child(F what)
     EXPECT_EQ(0, end_of(start_child(what)));
 }
 
-// The same where nothing was ever created, with a /dev/shm of that size and no handle open.
+// A child that does what and then waits to be killed.
+struct other_process {
+    pid_t pid;
+
+    explicit other_process(const std::function<void()> &what)
+    {
+        int ready[2];
+        EXPECT_EQ(0, pipe(ready));
+        pid = start_child([&] {
+            what();
+            char ok = !testing::Test::HasFailure();
+            return write(ready[1], &ok, 1) == 1 ? pause() : 1;
+        });
+        char ok = 0;
+        close(ready[1]);
+        EXPECT_EQ(1, read(ready[0], &ok, 1));
+        EXPECT_TRUE(ok);
+        close(ready[0]);
+    }
+    void die()
+    {
+        if (pid == 0)
+            return;
+        kill(pid, SIGKILL);
+        EXPECT_EQ(-SIGKILL, end_of(pid));
+        pid = 0;
+    }
+    ~other_process() { die(); }
+};
+
+// in_child where nothing was ever created, with a /dev/shm of that size and no handle open.
 template <typename F> void on_fresh_machine(const char *shm_sz, F what)
 {
     in_child([&] {

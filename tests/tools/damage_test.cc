@@ -167,7 +167,7 @@ TEST(shkvctl_dump, comes_back_byte_for_byte)
         });
         go_on({{"dump s --exact", 3, "~has a writer"},
                {fmt::format("dump s /dev/shm/d --format {}", each.format).c_str(), 0, "~exact: nobody changed"}});
-        writer.kill_it();
+        writer.die();
         std::string sum = sh("head -n -1 /dev/shm/d | sha256sum | cut -d' ' -f1"), end = sh("tail -1 /dev/shm/d");
         EXPECT_NE(end.find(sum.substr(0, 64)), std::string::npos) << end << sum;
         go_on({{"load t /dev/shm/d --create -q", 0, ""},
@@ -223,8 +223,11 @@ TEST(shkvctl_live, reads_hold_beside_a_writer_at_full_speed)
         pid_t pid = start_child(churn);
         sh("until shkvctl get s c499 -q 2> /dev/null; do :; done");
         for (int round = 0; round < 2; round++)
-            go_on({{"!shkvctl dump s --format tsv 2> /dev/shm/how | cut -f1 | grep . > /dev/shm/k; grep -c ^c /dev/shm/k; sort "
-                    "/dev/shm/k | uniq -d | wc -l; cat /dev/shm/how", 0, "~^500\n0\n(.|\n)*taken beside a writer"},
+            go_on({{"!shkvctl dump s -q --format tsv | cut -f1 | grep . > /dev/shm/k; grep -c ^c /dev/shm/k; sort /dev/shm/k | "
+                    "uniq -d | wc -l", 0, "500\n0\n"},
+                   // Unless the writer had no turn meanwhile.
+                   {"!for i in $(seq 50); do shkvctl dump s 2>&1 > /dev/null | grep -o 'taken beside a writer' && break; done", 0,
+                    "taken beside a writer\n"},
                    {"!shkvctl scan s --prefix c --count", 0, "500\n"},
                    {"check s", 0, "~^s: ok"},
                    {"!shkvctl get s c0 c499 --json | wc -l", 0, "2\n"},
@@ -253,7 +256,7 @@ TEST(shkvctl_dead, writers_leave_transactions_that_can_be_ended)
     go_on({{"txn status s", 0, "~nobody writes to the store now"},
            {"txn abort s", 0, "dropped 1 set and 1 delete\n"},
            {"scan s", 0, "a\t1\n"}});
-    Holder("s", SHKV_AM_WRITE, stage).kill_it();
+    Holder("s", SHKV_AM_WRITE, stage).die();
     sn_of("s")->comm_flg |= CF_TXN_COMMIT; // dead right behind the store that decides the commit
     go_on({{"ls", 0, "~commit cut short"},
            {"txn status s", 0, "~its commit was begun"},
@@ -279,7 +282,7 @@ TEST(shkvctl_dead, reshapers_are_shown_and_their_stores_made_anew)
             EXPECT_EQ(__shkv_add(handle, &key, &value, nullptr, 0x88), 0);
             EXPECT_EQ(__shkv_delete(handle, &key, 0x66), 0);
         }
-    }).kill_it();
+    }).die();
     go_on({{"stat s", 0, "~token +held by service 0xf011\n +reshape +began [0-9]+ s ago: 150 records left to move, 50 in"},
            {"ls", 0, "~reshaping"},
            {"reshape s", 3, "~a reshape is under way"},

@@ -22,9 +22,9 @@ TEST(diagnose, events_come_decoded_and_in_order)
          "20[^\n]*  0x68 caller   shkv_add             handle 1, 3,000 bytes\n[^\n]*value buffer is too big[^\n]*\n"
          "20[^\n]*  0x500 [^\n]*\n    the program's own event, \"t of its own\"\n$"},
         {"trace s -n 1 --json", 0, R"(~^\{"time":[0-9.]+,"event":1280,"value":7,"text":"t of its own"\})"},
-        {"!(sleep 0.3; shkvctl set s k v) > /dev/null 2>&1 & timeout --preserve-status -s INT 1 shkvctl trace s -f -n 1 --json",
+        {"!(sleep 0.3; shkvctl set s k v) > /dev/null 2>&1 & timeout --preserve-status -s INT 2 shkvctl trace s -f -n 1 --json",
          0, "~^[^\n]*\"event\":1280[^\n]*\n\\{[^\n]*\"event\":77,\"severity\":\"refused\"[^\n]*\n$"},
-        {"!(sleep 0.3; shkvctl destroy --force s -q) & timeout 5 shkvctl trace s -f -n 1", 0, "~was destroyed\n$"},
+        {"!(sleep 0.3; shkvctl destroy --force s -q) & timeout 20 shkvctl trace s -f -n 1", 0, "~was destroyed\n$"},
     });
 }
 
@@ -53,7 +53,7 @@ TEST(diagnose, who_tells_the_writer_and_all_that_have_it_mapped)
         {"who s --json", 0, "~\"tid\":" + wr + ",\"state\":\"lives\"(.|\n)*\"pid\":" + rd},
         {"doctor s", 0, "~0 problems, 0 warnings"},
     });
-    writer.kill_it();
+    writer.die();
     go_on({{"who s", 0, "~thread [0-9]+, which is gone"}, {"doctor s", 0, "~its writer, thread [0-9]+, has died"}});
     // The id of a dead writer, given to a process that knows nothing of the store.
     uint32_t me = (uint32_t)getpid();
@@ -92,7 +92,7 @@ TEST(diagnose, gc_clears_up_what_is_dead_and_nothing_else)
     go_on({{"!printf '\\0\\0\\0\\0' | dd of=/dev/shm/shkvdb/half conv=notrunc 2> /dev/null; touch -d '1 minute ago' "
             "/dev/shm/shkv*/*; shkvctl gc --yes", 0,
             "~half made  half\n[^\n]*\n +left alone: process [0-9]+ \\(t_tools\\) has it mapped"}});
-    writer.kill_it();
+    writer.die();
     go_on({{"gc --yes", 0, "~done: remove its objects"}, {"!ls /dev/shm/shkvdb/half", 2, "~No such"}});
 }
 

@@ -33,30 +33,3 @@ void play(const std::vector<Step> &steps)
     ASSERT_TRUE(remount_shm("256m"));
     go_on(steps);
 }
-
-Holder::Holder(const char *uri, uint32_t mode, const std::function<void(int handle)> &work)
-{
-    int pipes[2];
-    EXPECT_EQ(pipe(pipes), 0);
-    pid = start_child([&] {
-        int handle = open_store(uri, mode);
-        char ok = handle > 0;
-        if (ok && work)
-            work(handle);
-        return write(pipes[1], &ok, 1) == 1 ? pause() : 1;
-    });
-    char ok = 0;
-    EXPECT_EQ(read(pipes[0], &ok, 1), 1);
-    EXPECT_TRUE(ok);
-    close(pipes[0]);
-    close(pipes[1]);
-}
-
-void Holder::kill_it()
-{
-    if (pid > 0) {
-        kill(pid, SIGKILL);
-        EXPECT_EQ(end_of(pid), -SIGKILL);
-    }
-    pid = 0;
-}

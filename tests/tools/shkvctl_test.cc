@@ -167,7 +167,7 @@ TEST(shkvctl, a_living_writer_is_named_and_a_dead_one_replaced)
            {"get s k", 0, "v\n"},
            {"stat s", 0, "~\\(t_tools\\)"},
            {"destroy --force forced", 0, "destroyed store 'forced'\n"}});
-    holder.kill_it();
+    holder.die();
     go_on({{"ls", 0, "~s .*dead"},
            {"set s k w", 0, "replaced k, 1 byte\n"},
            {"cleanup 8", 1, "no store has VDC 8\n"},
