@@ -19,15 +19,19 @@ string(REGEX REPLACE "/$" "" SHKV_PC_UP ${SHKV_PC_UP})
 configure_file(cmake/ovo_shkv.pc.in ovo_shkv.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ovo_shkv.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# python3/dist-packages is where Debian's interpreters look under /usr; under /usr/local it is the
-# directory of the version that the build has found.
+# python3/dist-packages is where Debian's interpreters look under /usr; elsewhere it is the directory of the
+# version that the build has found. Without one there is no directory that a later one would look into.
 set(SHKV_PYTHON_DIR "" CACHE STRING "Directory of the Python module, from the prefix on")
 find_package(Python3 COMPONENTS Interpreter QUIET)
 install(CODE "
   set(dir \"${SHKV_PYTHON_DIR}\")
-  if(NOT dir AND (CMAKE_INSTALL_PREFIX STREQUAL /usr OR NOT \"${Python3_VERSION_MAJOR}\"))
+  if(NOT dir AND CMAKE_INSTALL_PREFIX STREQUAL /usr)
     set(dir lib/python3/dist-packages)
-  elseif(NOT dir)
+  elseif(NOT dir AND \"${Python3_VERSION_MAJOR}\")
     set(dir lib/python${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR}/dist-packages)
   endif()
-  file(INSTALL \"${PROJECT_SOURCE_DIR}/python/shkv.py\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/\${dir}\")")
+  if(dir)
+    file(INSTALL \"${PROJECT_SOURCE_DIR}/python/shkv.py\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/\${dir}\")
+  else()
+    message(\"-- No Python here, so no Python module: install python3 and do this again\")
+  endif()")
