@@ -58,136 +58,57 @@ INSTANTIATE_TEST_SUITE_P(, Batch, testing::Values(CONF_FIXEDMM, CONF_VECTORMM), 
     return info.param == CONF_FIXEDMM ? "fixed" : "vector";
 });
 
-TEST_P(Batch, whole_batches_leave_no_log)
+// A failed atomic batch is undone at once; the next write open puts back what its log says, over newer
+// writes as well, as if the batch had been cut where it failed; a read open changes nothing.
+TEST_P(Batch, failed_atomic_batches_are_undone_by_their_log)
 {
-    strings keys, vals;
-    for (int i = 0; i < 32; i++) {
-        keys.push_back("key" + std::to_string(i));
-        vals.push_back(std::to_string(i));
-    }
-    ASSERT_EQ(0, put(db, "key3", "old"));
-    contents all;
-    for (uint16_t atomic : {0, 1}) {
-        ASSERT_EQ(0, batch(db, keys, vals, atomic));
-        EXPECT_EQ(32u, iterate_all(db).size());
-        EXPECT_EQ("3", iterate_all(db)["key3"]);
-        ASSERT_EQ(0, batch(db, {"key1"}, {"one"}, atomic));
-        ASSERT_EQ(0, batch(db, {"key0", "absent", "key1", "key0"}, {}, (uint16_t)(atomic | 0x10)));
-        EXPECT_EQ(30u, iterate_all(db).size());
-        EXPECT_EQ(0u, sn_of(db)->iodb_mark);
-        EXPECT_FALSE(log_exists());
-    }
-    reg_rec rec;
-    EXPECT_EQ(ENOENT, check_shkv_uri("b" SHKV_IODB_SUFFIX, &rec));
-    EXPECT_EQ("", faults_of("b"));
-}
-
-TEST(BatchArguments, each_refusal_has_its_value_and_its_event)
-{
-    const shkv_buf keys[33] = {{(void *)"k", 1}}, vals[33] = {};
-    int db = make_store("b", CONF_FIXEDMM, 100), multi = make_store("m", CONF_FIXEDMM | CONF_MULTIWR, 100);
-    int reader = open_store("b", SHKV_AM_READ);
+    const std::string too_long(65001, 'x'), long_key(2049, 'k');
     const struct {
-        int handle;
-        const shkv_buf *keys, *vals;
-        uint16_t cnt, opflg;
-        int result;
-        uint32_t event; // 0: none
+        contents before;
+        strings keys, vals; // no values: deletes
+        contents newer; // "-" deletes
+        contents failed, reopened;
     } cases[] = {
-        {0, keys, vals, 1, 0, EBADF, 0},          {multi, keys, vals, 1, 0, EINVAL, 0},
-        {reader, keys, vals, 1, 0, EINVAL, 0xB5}, {db, nullptr, vals, 1, 0, EINVAL, 0xB7},
-        {db, keys, nullptr, 1, 0, EINVAL, 0xB7},  {db, keys, nullptr, 1, 1, EINVAL, 0xB7},
-        {db, keys, vals, 0, 0, EINVAL, 0xB8},     {db, keys, vals, 33, 1, EINVAL, 0xB8},
-        {db, keys, vals, 1, 2, EINVAL, 0},        {db, keys, vals, 1, 0x31, EINVAL, 0},
-        {db, keys, nullptr, 1, 0x10, 0, 0},       {db, keys, nullptr, 1, 0x11, 0, 0},
+        {{{"old", "1"}, {"gone", "2"}}, {"new", "old", "bad"}, {"n", "o", too_long}, {},
+         {{"old", "1"}, {"gone", "2"}}, {{"old", "1"}, {"gone", "2"}}},
+        {{{"old", "1"}}, {"old", "new", "bad"}, {"o", "n", too_long}, {{"old", "2"}, {"new", "3"}},
+         {{"old", "1"}}, {{"old", "1"}}},
+        // A key with an empty value looks in the log like one that was not there.
+        {{{"empty", ""}}, {"empty", "bad"}, {"x", too_long}, {}, {}, {}},
+        // A batch of deletes cannot have made a key, so its undo deletes none. The log refuses the last one.
+        {{{"a", "1"}}, {"a", "absent", long_key}, {}, {{"a", "-"}, {"absent", "now"}},
+         {{"a", "1"}}, {{"a", "1"}, {"absent", "now"}}},
     };
     for (const auto &c : cases) {
-        trace_ring *ring = (trace_ring *)shkv_get_trbuf(sn_of(db));
-        uint16_t before = ring->index;
-        EXPECT_EQ(c.result, shkv_m_add(c.handle, c.keys, c.vals, c.cnt, c.opflg));
-        if (c.event)
-            EXPECT_EQ(event_of(db), (std::pair{c.event, (uint32_t)c.handle}));
-        else
-            EXPECT_EQ(before, ring->index);
+        SCOPED_TRACE(c.keys[0]);
+        for (const auto &[key, val] : iterate_all(db))
+            ASSERT_EQ(0, del(db, key));
+        for (const auto &[key, val] : c.before)
+            ASSERT_EQ(0, put(db, key, val));
+        EXPECT_EQ(EINVAL, batch(db, c.keys, c.vals, c.vals.empty() ? 0x11 : 1));
+        EXPECT_TRUE(c.vals.empty() || event_of(db) == (std::pair{0xBDu, 22u}));
+        EXPECT_EQ(c.failed, iterate_all(db));
+        for (const auto &[key, val] : c.newer)
+            EXPECT_EQ(0, val == "-" ? del(db, key) : put(db, key, val));
+        shkv_close(db);
+        int reader = open_store("b", SHKV_AM_READ);
+        EXPECT_EQ(c.vals.empty() ? IODB_DELS : IODB_ADDS, sn_of(reader)->iodb_mark);
+        EXPECT_EQ(EINVAL, shkv_start_rollback(reader));
+        EXPECT_TRUE(log_exists());
+        shkv_close(reader);
+        reopen();
+        EXPECT_EQ(c.reopened, iterate_all(db));
+        EXPECT_TRUE(sn_of(db)->iodb_mark == 0 && !log_exists());
+        EXPECT_EQ("", faults_of("b"));
     }
-    sn_of(db)->sn_flg |= SN_DBG_WR;
-    EXPECT_EQ(EINVAL, shkv_m_delete(db, keys, 1, 0));
-    EXPECT_EQ(0xB6u, event_of(db).first);
-    EXPECT_EQ(EBADF, shkv_start_rollback(33));
-    EXPECT_EQ(EINVAL, shkv_start_rollback(reader));
-    shkv_close(reader);
-    shkv_destroy(db);
-    shkv_destroy(multi);
-}
-
-TEST_P(Batch, plain_batch_keeps_what_came_before_the_failure)
-{
-    std::string too_long(65001, 'x');
-    EXPECT_EQ(EINVAL, batch(db, {"a", "b", "c"}, {"1", too_long, "3"}, 0));
+    EXPECT_EQ(EINVAL, batch(db, {"new", "bad"}, {"n", too_long}, 1));
+    ASSERT_EQ(0, put(db, "new", "newer")); // the next batch drops the log and does not replay it over this
+    ASSERT_EQ(0, batch(db, {"a", "absent"}, {}, 0x11));
+    EXPECT_EQ((contents{{"new", "newer"}}), iterate_all(db));
+    EXPECT_TRUE(sn_of(db)->iodb_mark == 0 && !log_exists());
+    EXPECT_EQ(EINVAL, batch(db, {"a", "b", "c"}, {"1", too_long, "3"}, 0)); // no log: what came before it stays
     EXPECT_EQ(event_of(db), (std::pair{0xB9u, 22u}));
-    EXPECT_EQ((contents{{"a", "1"}}), iterate_all(db));
-    EXPECT_EQ(0u, sn_of(db)->iodb_mark);
-}
-
-TEST_P(Batch, failed_atomic_batch_is_undone_and_its_log_dropped_by_the_next)
-{
-    const contents before = {{"old", "1"}, {"gone", "2"}};
-    for (const auto &[key, val] : before)
-        ASSERT_EQ(0, put(db, key, val));
-    std::string too_long(65001, 'x');
-    EXPECT_EQ(EINVAL, batch(db, {"new", "old", "bad"}, {"n", "o", too_long}, 1));
-    EXPECT_EQ(event_of(db), (std::pair{0xBDu, 22u}));
-    EXPECT_EQ(before, iterate_all(db));
-    EXPECT_EQ(IODB_ADDS, sn_of(db)->iodb_mark);
-    EXPECT_TRUE(log_exists());
-
-    ASSERT_EQ(0, put(db, "old", "newer")); // the next batch does not replay the log over this
-    ASSERT_EQ(0, batch(db, {"gone"}, {}, 0x11));
-    EXPECT_EQ((contents{{"old", "newer"}}), iterate_all(db));
-    EXPECT_EQ(0u, sn_of(db)->iodb_mark);
-    EXPECT_FALSE(log_exists());
-    EXPECT_EQ("", faults_of("b"));
-}
-
-// A key with an empty value looks in the log like one that was not there.
-TEST_P(Batch, undo_of_adds_deletes_a_key_whose_old_value_was_empty)
-{
-    ASSERT_EQ(0, put(db, "empty", ""));
-    EXPECT_EQ(EINVAL, batch(db, {"empty", "bad"}, {"x", std::string(65001, 'x')}, 1));
-    EXPECT_EQ(contents(), iterate_all(db));
-}
-
-// The next write open puts back what the log says, over newer writes as well; a read open nothing.
-TEST_P(Batch, left_over_log_is_replayed_by_the_next_write_open)
-{
-    ASSERT_EQ(0, put(db, "old", "1"));
-    EXPECT_EQ(EINVAL, batch(db, {"old", "new", "bad"}, {"o", "n", std::string(65001, 'x')}, 1));
-    ASSERT_EQ(0, put(db, "old", "2")); // as if the batch had been cut here
-    ASSERT_EQ(0, put(db, "new", "3"));
-    shkv_close(db);
-    int reader = open_store("b", SHKV_AM_READ);
-    EXPECT_EQ(IODB_ADDS, sn_of(reader)->iodb_mark);
-    EXPECT_EQ(EINVAL, shkv_start_rollback(reader));
-    EXPECT_EQ(EINVAL, batch(reader, {"k"}, {"v"}, 1));
-    EXPECT_TRUE(log_exists());
-    shkv_close(reader);
-    db = open_store("b", SHKV_AM_WRITE);
-    EXPECT_EQ((contents{{"old", "1"}}), iterate_all(db));
-    EXPECT_EQ(0u, sn_of(db)->iodb_mark);
-    EXPECT_FALSE(log_exists());
-    EXPECT_EQ("", faults_of("b"));
-}
-
-// A batch of deletes cannot have made a key, so its undo deletes none.
-TEST_P(Batch, undo_of_deletes_restores_and_never_deletes)
-{
-    ASSERT_EQ(0, put(db, "a", "1"));
-    EXPECT_EQ(EINVAL, batch(db, {"a", "absent", std::string(2049, 'k')}, {}, 0x11)); // the log refuses the last
-    EXPECT_EQ(IODB_DELS, sn_of(db)->iodb_mark);
-    ASSERT_EQ(0, del(db, "a")); // as if the batch had gone on and been cut
-    ASSERT_EQ(0, put(db, "absent", "now"));
-    reopen();
-    EXPECT_EQ((contents{{"a", "1"}, {"absent", "now"}}), iterate_all(db));
+    EXPECT_EQ((contents{{"a", "1"}, {"new", "newer"}}), iterate_all(db));
 }
 
 TEST_P(Batch, mark_without_a_log_is_cleared_and_a_log_without_a_mark_is_in_the_way)

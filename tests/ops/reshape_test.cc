@@ -69,14 +69,6 @@ template <typename C, size_t N, typename F> void side_by_side(const C (&cases)[N
     }
 }
 
-size_t open_fds()
-{
-    size_t cnt = 0;
-    for (int fd = 0; fd < 1024; fd++)
-        cnt += fcntl(fd, F_GETFD) != -1;
-    return cnt;
-}
-
 // A move by hand, through the interface alone.
 int move_by_hand(int mover)
 {
@@ -103,62 +95,42 @@ uint32_t last_byte(const void *key, uint32_t len)
 
 } // namespace
 
+// What a dead writer linked and did not make the tail is found, and the next one goes behind it.
 TEST(interim, the_newest_record_of_a_key_rules)
 {
     kv store = fixed_kv("list", 3);
     void *ud = ud_base(store, false);
     sbm *sbm_p = (sbm *)ud;
-    std::string key = "key", other = "kex", value = "value";
-    shkv_buf key_buf = buf_of(key), other_buf = buf_of(other), value_buf = buf_of(value), none = {nullptr, 0};
-    auto ruling = [&] {
-        const udn *udn_p = shkv_interimlst_lookup(store.sn(), &key_buf, ud);
-        return udn_p ? udn_p->unit_next : 0;
-    };
-    EXPECT_EQ(ruling(), 0u) << "no list yet";
+    std::string key = "key", other = "kex", longer(NODE, 'x');
+    shkv_buf key_buf = buf_of(key), other_buf = buf_of(other), long_buf = buf_of(longer), none = {nullptr, 0};
     shkv_interimlst_init(store.head(), ud);
-    EXPECT_TRUE(sbm_p->intrm_head && sbm_p->intrm_head == sbm_p->intrm_tail);
-    EXPECT_EQ(ruling(), 0u) << "the dead node";
-    struct {
+    const struct {
         const shkv_buf *key;
         uint32_t op;
         int result;
-        uint32_t rules;
-    } steps[] = {{&key_buf, 0x1001, 0, 0x1001},  {&other_buf, 0x1002, 0, 0x1001}, {&key_buf, 0x1002, 0, 0x1002},
-                 {&key_buf, 0x1001, 0, 0x1001},  {&key_buf, 0x1003, EINVAL, 0x1001}, {&key_buf, 0x10ff, EINVAL, 0x1001},
-                 {nullptr, 0x1001, EINVAL, 0x1001}};
+        uint32_t rules; // 0: the dead node
+        bool cut;
+    } steps[] = {{&other_buf, 0x1001, 0, 0, false},      {&key_buf, 0x1001, 0, 0x1001, false},
+                 {&key_buf, 0x1003, EINVAL, 0x1001, false}, {nullptr, 0x1001, EINVAL, 0x1001, false},
+                 {&long_buf, 0x1002, EINVAL, 0x1001, false}, {&key_buf, 0x1002, 0, 0x1002, true},
+                 {&other_buf, 0x1002, 0, 0x1002, false}};
     for (const auto &step : steps) {
         uint32_t tail = sbm_p->intrm_tail;
-        EXPECT_EQ(shkv_interimlst_put(store.head(), ud, step.key, &value_buf, step.op), step.result);
+        EXPECT_EQ(shkv_interimlst_put(store.head(), ud, step.key, &none, step.op), step.result);
         EXPECT_EQ(step.result == 0, sbm_p->intrm_tail != tail);
-        EXPECT_EQ(ruling(), step.rules);
+        if (step.cut)
+            sbm_p->intrm_tail = tail;
+        const udn *udn_p = shkv_interimlst_lookup(store.sn(), &key_buf, ud);
+        EXPECT_EQ(udn_p ? udn_p->unit_next : 0, step.rules);
     }
-    EXPECT_EQ(shkv_interimlst_put(store.head(), ud, &key_buf, &none, 0x1001), 0);
-    const udn *udn_p = shkv_interimlst_lookup(store.sn(), &key_buf, ud);
-    uint8_t cksum = 0;
-    shkv_data_checksum("key", 3, &cksum);
-    EXPECT_EQ(udn_p->val_sz, 0);
-    EXPECT_EQ(udn_p->cksum, cksum);
-    // A key that no node can take, before it runs into the next one.
-    std::string longer(NODE, 'x');
-    shkv_buf long_buf = buf_of(longer);
-    EXPECT_EQ(shkv_interimlst_put(store.head(), ud, &long_buf, &none, 0x1002), EINVAL);
-    // What a dead writer linked and did not make the tail is found, and the next one goes behind it.
-    intrm_rec *dead = intrm_at(ud, sbm_p->intrm_tail);
-    EXPECT_EQ(shkv_interimlst_put(store.head(), ud, &key_buf, &none, 0x1002), 0);
-    sbm_p->intrm_tail = (uint32_t)((char *)dead - (char *)ud);
-    EXPECT_EQ(ruling(), 0x1002u);
-    EXPECT_EQ(shkv_interimlst_put(store.head(), ud, &other_buf, &none, 0x1002), 0);
-    EXPECT_EQ(ruling(), 0x1002u);
     interim_discard(store.head(), ud);
-    EXPECT_EQ(ruling(), 0u);
-    EXPECT_TRUE(interim_empty(ud));
+    EXPECT_TRUE(interim_empty(ud) && !shkv_interimlst_lookup(store.sn(), &key_buf, ud));
 }
 
 TEST(reshape, what_cannot_be_reshaped_is_refused_and_keeps_its_flags)
 {
     shkv_max_db_sz = shkv_memory_limit_process = 0x20000000u;
     make_kv("vec", {16, 32, 100, CONF_VECTORMM, 0});
-    make_kv("shm", {16, 32, 100, CONF_VECTORMM | CONF_SHMAP, 0});
     kv fixed = fixed_kv("fix", 10);
     struct {
         const char *name;
@@ -167,13 +139,10 @@ TEST(reshape, what_cannot_be_reshaped_is_refused_and_keeps_its_flags)
         uint32_t uuid, err;
         const char *line;
     } cases[] = {
-        {"none", 0, {}, UUID_RESHAPE1, ENOENT, ""},
         {"vec", 0, {0, 1, 0, 0}, UUID_RESHAPE1, EINVAL, "reshaping failed: dvmm mode currently not             support shrink."},
-        {"shm", 0, {0, 1, 0, 0}, UUID_RESHAPE1, EINVAL, "reshaping failed: dvmm mode currently not             support shrink."},
         {"fix", CF_REFILL1, {0, 1, 0, 0}, UUID_RESHAPE1, EINVAL, "disable reshaping when DB is under resizing. "},
         {"fix", CF_REFILL2, {0, 1, 0, 0}, UUID_RESHAPE1, EINVAL, "disable reshaping when DB is under resizing. "},
         {"fix", CF_TXN, {0, 1, 0, 0}, UUID_RESHAPE1, EINVAL, "disable reshaping when DB is under txn. "},
-        {"fix", CF_TXN | CF_TXN_COMMIT, {0, 1, 0, 0}, UUID_RESHAPE1, EINVAL, "disable reshaping when DB is under txn. "},
         {"fix", CF_RESH_TOKEN1, {0, 1, 0, 0}, UUID_RESHAPE2, EINVAL, "uuid:61458,reshape token was taken:1005"},
         {"fix", CF_RESH_TOKEN2, {0, 1, 0, 0}, 7, EINVAL, "uuid:7,reshape token was taken:2005"},
         {"fix", 0, {0, 1, 0, 0}, 7, EINVAL, "uuid:7,process is not allowed to reshape:"},
@@ -190,8 +159,7 @@ TEST(reshape, what_cannot_be_reshaped_is_refused_and_keeps_its_flags)
         EXPECT_EQ(log.last(), one.line);
         EXPECT_EQ(fixed.sn()->comm_flg, flg);
         int sem = 0;
-        EXPECT_EQ(sem_getvalue(&fixed.sn()->resh_sem, &sem), 0);
-        EXPECT_EQ(sem, 1);
+        EXPECT_TRUE(sem_getvalue(&fixed.sn()->resh_sem, &sem) == 0 && sem == 1);
         EXPECT_EQ(fixed.sn()->md2.obj_sz, 0u);
         fixed.sn()->comm_flg = REST;
     }
@@ -250,6 +218,7 @@ TEST(reshape, a_store_moves_to_and_fro_under_its_handles)
         EXPECT_EQ(ud1 ? sn->ud2.obj_sz : sn->ud1.obj_sz, 0u);
         EXPECT_EQ(store.all(), want);
         EXPECT_EQ(reader.all(), want);
+        EXPECT_GE(shkv_get_exact_max_entries_from_db("fro"), want.size());
         for (const auto &[key, value] : want)
             ASSERT_EQ(reader.at(key), value);
         EXPECT_EQ(faults_of("fro"), "");
@@ -343,23 +312,6 @@ TEST(reshape, a_delete_made_once_more_tells_what_it_found)
     writer.join();
     EXPECT_EQ(missed, 0u);
     EXPECT_EQ(faults_of("twice"), "");
-}
-
-TEST(reshape, an_empty_store_ends_at_once_with_the_new_objects)
-{
-    kv store = fixed_kv("empty", 0);
-    for (uint32_t opflg : {0u, 0x33u}) {
-        in_child([&] { // with no head but its own, and nothing kept but what a cut space had
-            memset(shkv_db_heads, 0, sizeof shkv_db_heads);
-            size_t fds = open_fds();
-            EXPECT_EQ(shkv_reshape_db("shkv:empty", opflg), 0);
-            return (int)(open_fds() - fds - 1);
-        });
-        EXPECT_EQ(store.sn()->comm_flg, opflg ? REST : OVER);
-        EXPECT_EQ(store.all().size(), 0u);
-    }
-    EXPECT_EQ(store.add("a", "b"), 0);
-    EXPECT_EQ(store.at("a"), "b");
 }
 
 // Between the open of the reshaper and its close, in every form of store: writes are on the list and
@@ -515,6 +467,7 @@ TEST(reshape, a_callers_hash_function_is_known_to_who_brings_it)
     uint32_t err = 0;
     EXPECT_EQ(shkv_open("user", 0, (uint64_t)&first_byte, SHKV_AM_READ, &err), 0);
     EXPECT_EQ(err, (uint32_t)EINVAL);
+    EXPECT_EQ(kv{shkv_open("user", 0, 3, SHKV_AM_READ, &err)}.at("k1"), "#2") << "a built-in is not compared";
     kv knows = {shkv_open("user", 0, (uint64_t)&last_byte, SHKV_AM_READ, &err)};
     for (const auto &[key, value] : want)
         EXPECT_EQ(knows.at(key), value);

@@ -1,45 +1,27 @@
-// Sizes of objects, the chunks of a shared mapping, and the tables in force.
+// Sizes of objects, and the chunks of a shared mapping.
 #include <gtest/gtest.h>
 
 #include "shkv_intf/addr.h"
 #include "shkv_intf/sizing.h"
 
-TEST(sizing, bucket_counts_are_the_next_prime_above)
+// The two-fold sizes of a table, the spare nodes of a space (also where their product has wrapped), its size
+// in whole pages and what fits.
+TEST(sizing, buckets_and_spaces_follow_the_entries)
 {
-    const struct { uint32_t n, want; } cases[] = {
-        {0, 31}, {30, 31}, {31, 61}, {256, 443}, {1000, 1759}, {7190536, 7190537},
-        {7190537, 14381041}, {14381041, 14381041}, {~0u, 14381041}};
-    for (const auto &each : cases)
-        EXPECT_EQ(shkv_get_hash_size(each.n), each.want) << each.n;
-    for (const uint32_t *list : {prime_low_list, prime_up_list})
-        for (int i = 0; i < 20; i++) {
-            for (uint32_t d = 2; d * d <= list[i]; d++)
-                ASSERT_NE(list[i] % d, 0u) << list[i];
-            EXPECT_TRUE(i == 0 || list[i] > list[i - 1] * 3 / 2) << list[i];
-        }
-}
-
-TEST(sizing, spare_nodes_are_five_percent_between_100_and_500)
-{
-    const struct { uint32_t entries, want; } cases[] = {{0, 100},     {2019, 100},  {2020, 101}, {5000, 250},
-                                                        {9999, 499},  {10000, 500}, {858993459, 500},
-                                                        {858993460, 100}}; // the product has wrapped
-    for (const auto &each : cases)
-        EXPECT_EQ(shkv_defbuf_sz(each.entries), each.want) << each.entries;
-}
-
-TEST(sizing, spaces_hold_the_entries_and_the_spare_nodes_in_whole_pages)
-{
-    const struct { uint32_t entries, ksz, vsz, size, exact; } cases[] = {
-        {2000, 16, 32, 143360, 2010}, {1000, 0, 0, 143360, 7061}, {1000, 16, 100, 151552, 1018},
-        {5000, 8, 8, 192512, 5096},   {0xffff0000, 256, 2048, 4143824896, 0} /* cut to 32 bits */};
-    for (const auto &each : cases) {
-        EXPECT_EQ(GET_USER_SIZE(each.entries, each.ksz, each.vsz), each.size) << each.entries;
-        if (each.exact) {
-            EXPECT_EQ(shkv_get_exact_max_entries(each.ksz, each.vsz, each.entries), each.exact) << each.entries;
-        }
+    const struct { uint32_t entries, buckets, spare; } counts[] = {
+        {0, 31, 100}, {31, 61, 100}, {1000, 1759, 100}, {2020, 3517, 101}, {9999, 14051, 499}, {10000, 14051, 500},
+        {7190537, 14381041, 500}, {858993460, 14381041, 100}};
+    for (const auto &each : counts) {
+        EXPECT_EQ(shkv_get_hash_size(each.entries), each.buckets) << each.entries;
+        EXPECT_EQ(shkv_defbuf_sz(each.entries), each.spare) << each.entries;
     }
-    EXPECT_EQ(shkv_get_exact_max_entries(0x10008, 0x20008, 5000), 5096u); // sizes are cut to 16 bits
+    const struct { uint32_t entries, ksz, vsz, size, exact; } spaces[] = {
+        {2000, 16, 32, 143360, 2010}, {1000, 0, 0, 143360, 7061}, {5000, 0x10008, 0x20008, 192512, 5096},
+        {0xffff0000, 256, 2048, 4143824896, 0} /* cut to 32 bits */};
+    for (const auto &each : spaces) {
+        EXPECT_EQ(GET_USER_SIZE(each.entries, each.ksz & 0xffff, each.vsz & 0xffff), each.size) << each.entries;
+        EXPECT_TRUE(!each.exact || shkv_get_exact_max_entries(each.ksz, each.vsz, each.entries) == each.exact);
+    }
 }
 
 // Offsets run through the maps without a gap or an overlap, wherever map 0 ends.
@@ -67,31 +49,5 @@ TEST(sizing, chunks_of_a_shared_mapping_join)
             }
             off += size;
         }
-    }
-}
-
-TEST(sizing, tables_in_force_are_those_of_the_snapshot)
-{
-    static supernode sn;
-    static ud_map uds[2];
-    shkv_head head = {};
-    head.sn = &sn, head.ud1_map = &uds[0], head.ud2_map = &uds[1];
-    const struct { uint32_t flg; int md, ud, md_2nd, ud_2nd; } cases[] = { // 0: left alone
-        {CF_MD1 | CF_UD1, 1, 1, 0, 0},
-        {CF_MD2 | CF_UD2 | CF_TXN, 2, 2, 0, 0},
-        {CF_MD1 | CF_MD2 | CF_UD1 | CF_UD2, 1, 1, 0, 0},
-        {CF_MD1 | CF_MD2 | MDN1O2 | CF_UD1, 2, 1, 1, 0},
-        {CF_MD1 | CF_MD2 | MDO1N2 | CF_UD1 | CF_UD2 | UDO1N2, 1, 1, 2, 2},
-        {CF_MD1 | CF_MD2 | MDN1O2 | CF_UD1 | CF_UD2 | UDN1O2, 2, 2, 1, 1},
-        {CF_TXN, 0, 0, 0, 0}};
-    const md_desc *descs[] = {nullptr, &sn.md1, &sn.md2};
-    const md_rec *recs[] = {nullptr, &head.md1, &head.md2};
-    const ud_map *maps[] = {nullptr, &uds[0], &uds[1]};
-    for (const auto &each : cases) {
-        active_db first = {}, second = {};
-        EXPECT_EQ(get_active_db(&first, &second, &head, each.flg), each.ud_2nd != 0);
-        EXPECT_TRUE(first.desc == descs[each.md] && first.rec == recs[each.md] && first.ud == maps[each.ud]);
-        EXPECT_TRUE(second.desc == descs[each.md_2nd] && second.rec == recs[each.md_2nd] &&
-                    second.ud == maps[each.ud_2nd]) << std::hex << each.flg;
     }
 }

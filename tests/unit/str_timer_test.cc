@@ -30,18 +30,12 @@ TEST_F(clock_rate, comes_from_the_first_processor)
 {
     ASSERT_EQ(read_rate("model\t: x\ncpu MHz\t\t: 2000.000\ncpu MHz\t\t: 5.0\n"), 1);
     EXPECT_EQ(timer_diff_cycle_in_msec(2000000, 0), 1u);
-    EXPECT_EQ(timer_diff_cycle_in_msec(1999999, 0), 0u);
     EXPECT_EQ(timer_diff_cycle_in_usec(7000, 1000), 3u);
     EXPECT_EQ(timer_diff_cycle_in_msec(0, 1), ~0ull / 2000000); // backwards is enormous
-    for (const char *text : {"", "model: x\n", " cpu MHz: 5\n", "cpu MHz 2000.0\n"})
-        EXPECT_EQ(read_rate(text), 0) << text;
+    EXPECT_EQ(read_rate(" cpu MHz: 5\ncpu MHz 2000.0\n"), 0);
     EXPECT_EQ(timer_diff_cycle_in_msec(2000000, 0), 1u); // a failure keeps what was known
-}
-
-TEST_F(clock_rate, unknown_makes_every_wait_count_as_over)
-{
     ASSERT_EQ(read_rate("cpu MHz : none\n"), 1);
-    EXPECT_EQ(timer_diff_cycle_in_msec(1, 1), ~0ull);
+    EXPECT_EQ(timer_diff_cycle_in_msec(1, 1), ~0ull); // every wait counts as over
     EXPECT_EQ(timer_diff_cycle_in_usec(2, 1), ~0ull);
 }
 
@@ -49,35 +43,17 @@ TEST(str, copies_end_at_the_nul_the_limit_or_the_other_buffer)
 {
     char buf[32];
     const struct { int dst, src; uint32_t n; int want; const char *left; } cases[] = {
-        {16, 0, 15, 0, "abcdefghij"}, {16, 0, 1, 0, "a"},      {16, 0, 10, 0, "abcdefghij"},
-        {4, 0, 15, 404, "abcdij"},  {4, 0, 4, 0, "abcd"},    {0, 4, 15, 404, "efghefghij"},
-        {0, 0, 5, 404, "abcdefghij"}, {0, 8, 5, 0, "ij"},      {0, 0, 0, 0, "abcdefghij"}};
+        {16, 0, 1, 0, "a"}, {16, 0, 15, 0, "abcdefghij"}, {4, 0, 15, 404, "abcdij"}, {0, 4, 15, 404, "efghefghij"}};
     for (const auto &each : cases) {
         memset(buf, 0, sizeof buf);
         strcpy(buf, "abcdefghij");
         EXPECT_EQ(shkv_sstrncpy(buf + each.dst, buf + each.src, each.n), each.want);
         EXPECT_STREQ(buf + each.dst, each.left);
     }
-    EXPECT_EQ(shkv_sstrncpy(nullptr, "a", 1), 400);
-    EXPECT_EQ(shkv_sstrncpy(buf, nullptr, 1), 400);
-    strcpy(buf, "xxxx");
-    EXPECT_EQ(shkv_sstrncpy(buf, "ab", 1), 0);
-    EXPECT_STREQ(buf, "a");
-    EXPECT_EQ(shkv_sstrlen(nullptr), 0u);
-    EXPECT_EQ(shkv_sstrlen("abc"), 3u);
-}
-
-TEST(str, compare_says_apart_whether_and_how)
-{
-    const struct { const char *a, *b; uint32_t n; int result, out; } cases[] = {
-        {"ab", "ab", 2, 0, 0}, {"a\x01", "a\xff", 2, 0, -1}, {"b", "a", 1, 0, 1}, {"b", "a", 0, 0, 0},
-        {nullptr, "a", 1, 400, -1}, {"a", nullptr, 0, 400, -1}};
-    for (const auto &each : cases) {
-        int out = 7;
-        EXPECT_EQ(shkv_smemcmp(each.a, each.b, each.n, &out), each.result);
-        EXPECT_EQ(out, each.out);
-    }
-    EXPECT_EQ(shkv_smemcmp("a", "a", 1, nullptr), 400);
+    int out = 7;
+    EXPECT_EQ(shkv_sstrncpy(nullptr, "a", 1) + shkv_smemcmp("a", nullptr, 1, &out), 800);
+    EXPECT_EQ(shkv_smemcmp("a\x01", "a\xff", 2, &out), 0);
+    EXPECT_EQ(out, -1);
 }
 
 static std::string text_of(const std::string &path)

