@@ -1,5 +1,7 @@
-// A reshape beside a writer and readers that opened the store before it.
+// A reshape beside a writer and readers that opened the store before it. SHKV_RESHAPE_RECORDS makes the first
+// test one of so many records.
 #include <fcntl.h>
+#include <stdlib.h>
 
 #include "procs/crowd.h"
 
@@ -43,21 +45,26 @@ bool kill_in_reshape(crowd *all_p, bool writer, int round)
 
 TEST(reshape, nothing_is_lost_or_missed_beside_a_writer_and_readers)
 {
-    crowd all(PLAN);
+    const char *records = getenv("SHKV_RESHAPE_RECORDS");
+    uint32_t keys = records ? (uint32_t)atoi(records) : KEYS;
+    crowd all({PLAN.name, {16, 32, keys + keys / 8 + 2 * CHURN, CONF_FIXEDMM, 0}, keys, CHURN});
     const struct {
         uint32_t md_sz, ud_sz, new_hash, flg;
-    } rounds[] = {{0, 1, 0, CF_MD2 | CF_UD2}, {KEYS * 6, 1, 5, CF_MD1 | CF_UD1}, {KEYS * 10, 0, 11, CF_MD2 | CF_UD1},
+    } rounds[] = {{0, 1, 0, CF_MD2 | CF_UD2}, {keys * 6, 1, 5, CF_MD1 | CF_UD1}, {keys * 10, 0, 11, CF_MD2 | CF_UD1},
                   {0, 1, 8, CF_MD1 | CF_UD2}};
     for (const auto &round : rounds) {
         ASSERT_EQ(shkv_reshaping(PLAN.name, round.md_sz, round.ud_sz, 0, round.new_hash), 0);
         EXPECT_EQ(flags_now(), round.flg);
         ASSERT_TRUE(all.goes_on());
+        if (records)
+            printf("%s records, reshape to 0x%x: %u writes, %u and %u lookups so far\n", records, round.flg,
+                   load(&all.shared->writes), load(&all.shared->lookups[0]), load(&all.shared->lookups[1]));
     }
     // Growth of the space that the last one made, seen by the same processes.
     size_t sz_at = offsetof(supernode, ud2) + offsetof(ud_desc, obj_sz);
     uint32_t was_sz = word_now(sz_at);
     store(&all.shared->grow, 1);
-    for (int i = 0; i < 6000 && was_sz == word_now(sz_at); i++)
+    for (int i = 0; i < 30000 && was_sz == word_now(sz_at); i++)
         usleep(10000);
     ASSERT_TRUE(all.goes_on());
     all.end();
