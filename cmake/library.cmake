@@ -2,6 +2,13 @@
 # with other flags (static for tests that reach inside, instrumented for sanitizers).
 file(GLOB_RECURSE SHKV_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/shared/src/*.cc)
 
+# Lines counted, also in the children of the tests, which leave by _exit.
+if(SHKV_COVERAGE)
+  list(APPEND SHKV_SOURCES ${PROJECT_SOURCE_DIR}/tests/support/count_at_exit.cc)
+  set(SHKV_COUNTERS --coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()
+
 set(SHKV_WARNINGS -Wall -Wextra -Wshadow -Wpointer-arith -Wcast-qual -Wundef -Werror)
 
 function(shkv_variant name kind)
@@ -11,7 +18,7 @@ function(shkv_variant name kind)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/shared/src)
   target_compile_options(${name} PRIVATE ${SHKV_WARNINGS} -fvisibility=hidden -fno-exceptions -fno-rtti
     -fno-strict-aliasing -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
-    ${ARGN})
+    ${SHKV_COUNTERS} ${ARGN})
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
   target_link_options(${name} PUBLIC ${ARGN})
 endfunction()
