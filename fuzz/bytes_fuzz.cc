@@ -9,9 +9,10 @@
 #include <setjmp.h>
 #include <signal.h>
 #include <string.h>
+#include <time.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,7 @@
 #include "target.h"
 
 extern bool tight_tails;
+void tight_forget(bool (*in_use)(const void *));
 
 namespace {
 
@@ -204,7 +206,8 @@ void look_at_keys(int handle)
         return;
     auto lite = [&](const shkv_buf &key) {
         shkv_buf val = {nullptr, 0};
-        if (shkv_lookup_lite(handle, &key, &val) == 0)
+        // The value lies where it lies: of an object that was cut its reader has to be guarded himself.
+        if (shkv_lookup_lite(handle, &key, &val) == 0 && sigsetjmp(sigbus_jmp, 0) == 0)
             room[0] ^= (char)std::count((const char *)val.ptr, (const char *)val.ptr + val.len, 'x');
     };
     for (const shkv_buf &key : keys)
@@ -280,6 +283,35 @@ int standing_reader(int which)
     return handles[which];
 }
 
+bool in_use(const void *at)
+{
+    for (const damaged_store &store : stores)
+        for (const object &obj : store.objs)
+            if (obj.at == at)
+                return true;
+    for (int i = 0; i < 32; ++i) {
+        const shkv_head &head = shkv_db_heads[i];
+        if (head.access_mode &&
+            (head.sn == at || head.md1.base == at || head.md2.base == at || head.md_txn.base == at))
+            return true;
+        for (const ud_map *map_p : {head.ud1_map, head.ud2_map})
+            for (uint32_t no = 0; head.access_mode && map_p && no < sizeof map_p->map / sizeof map_p->map[0];
+                 ++no)
+                if (map_p->map[no] == at)
+                    return true;
+    }
+    return false;
+}
+
+// A reader makes an object as long as its descriptor says, and then walks all of it. Most inputs are not to
+// take that long.
+void limit_objects(rlim_t size)
+{
+    rlimit limit = {size, RLIM_INFINITY};
+    signal(SIGXFSZ, SIG_IGN); // the fuzzer ends at it
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
 void run(input in)
 {
     static uint32_t inputs;
@@ -290,6 +322,8 @@ void run(input in)
     bool before = first & 0x80;
     int handle = before ? standing_reader(which) : 0;
     damage(store_p, &in);
+    if (inputs % 64)
+        limit_objects((which == 2 ? 33u : 1u) << 20);
     if (!handle)
         call(false, false, [&] { handle = open_reader(NAMES[which]); });
     if (handle) {
@@ -297,6 +331,7 @@ void run(input in)
         iterate(handle);
         ask(handle);
     }
+    limit_objects(RLIM_INFINITY);
     cut_objects(*store_p);
     if (++inputs % (which == 2 ? 256 : 16) == 0) { // its space is a whole chunk
         look_raw(NAMES[which]);
@@ -309,13 +344,15 @@ void run(input in)
     }
     for (; !undo_log.empty(); undo_log.pop_back())
         *undo_log.back().at = undo_log.back().was;
+    tight_forget(in_use);
 }
 
 } // namespace
 
 // A call that goes round writes an event in every round.
 extern "C" void __real__Z10trace_pairPvjjjj(void *, uint32_t, uint32_t, uint32_t, uint32_t);
-extern "C" void __wrap__Z10trace_pairPvjjjj(void *ring_p, uint32_t event, uint32_t arg, uint32_t arg2, uint32_t word3)
+extern "C" void __wrap__Z10trace_pairPvjjjj(void *ring_p, uint32_t event, uint32_t arg, uint32_t arg2,
+                                            uint32_t word3)
 {
     if (may_go_round && ++rounds > ROUNDS_MAX)
         siglongjmp(out_of_call, 1);
@@ -323,7 +360,8 @@ extern "C" void __wrap__Z10trace_pairPvjjjj(void *ring_p, uint32_t event, uint32
 }
 
 extern "C" [[noreturn]] void __real___assert_fail(const char *, const char *, unsigned, const char *);
-extern "C" [[noreturn]] void __wrap___assert_fail(const char *expr, const char *file, unsigned line, const char *func)
+extern "C" [[noreturn]] void __wrap___assert_fail(const char *expr, const char *file, unsigned line,
+                                                  const char *func)
 {
     bool known = !strcmp(expr, "md_base") || !strcmp(expr, "curr_md") || !strcmp(expr, "ud_base");
     if (known && may_assert)
@@ -331,13 +369,26 @@ extern "C" [[noreturn]] void __wrap___assert_fail(const char *expr, const char *
     __real___assert_fail(expr, file, line, func);
 }
 
-// One that goes round without an event is met by the clock: the same call for 30 ms.
+// One that faults in every round jumps out of the fault's handler each time.
+extern "C" [[noreturn]] void __real_siglongjmp(sigjmp_buf to, int val);
+extern "C" [[noreturn]] void __wrap_siglongjmp(sigjmp_buf to, int val)
+{
+    bool enough = to != out_of_call && may_go_round && ++rounds > ROUNDS_MAX;
+    __real_siglongjmp(enough ? out_of_call : to, val);
+}
+
+// One that goes round without either is met by the clock: the same call for 5 ms of this thread.
 static void on_tick(int)
 {
-    static unsigned seen, ticks;
-    ticks = seen == calls ? ticks + 1 : 0;
+    static unsigned seen;
+    static uint64_t begin_ns;
+    timespec now;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    uint64_t now_ns = (uint64_t)now.tv_sec * 1000000000 + (uint64_t)now.tv_nsec;
+    if (seen != calls)
+        begin_ns = now_ns;
     seen = calls;
-    if (may_go_round && ticks >= 3)
+    if (may_go_round && now_ns - begin_ns > 5000000)
         siglongjmp(out_of_call, 1);
 }
 
@@ -357,8 +408,14 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     action.sa_handler = on_tick;
     action.sa_flags = SA_NODEFER | SA_RESTART; // left by a jump
     sigaction(SIGVTALRM, &action, nullptr);
-    itimerval every = {{0, 10000}, {0, 10000}};
-    setitimer(ITIMER_VIRTUAL, &every, nullptr);
+    sigevent event = {};
+    event.sigev_notify = SIGEV_THREAD_ID; // the fuzzer has a thread of its own
+    event._sigev_un._tid = gettid();
+    event.sigev_signo = SIGVTALRM;
+    timer_t timer;
+    itimerspec every = {{0, 1000000}, {0, 1000000}};
+    MUST(timer_create(CLOCK_MONOTONIC, &event, &timer) == 0, "no timer");
+    timer_settime(timer, 0, &every, nullptr);
     return 0;
 }
 

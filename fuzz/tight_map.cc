@@ -1,6 +1,7 @@
 // Mappings of files as tight as they can be: behind each lies a page that nothing may touch, and the
 // rest of its last page is poisoned (under the address sanitizer). Who reads past the end of what it
-// mapped is found out.
+// mapped is found out. A damaged store can leave mappings behind; those that nobody has any more are
+// forgotten in time.
 #include <stdint.h>
 #include <sys/mman.h>
 
@@ -15,7 +16,11 @@ bool tight_tails; // poisoned from here on; a creation clears whole pages
 
 static constexpr size_t PAGE = 4096;
 static constexpr size_t SUPERNODE_LEN = PAGE + 720; // mapped as two whole pages, which the trace ring fills
-static struct { char *at; size_t len; } tight[256];
+static struct {
+    char *at;
+    size_t len;
+} tight[1024];
+static unsigned tight_cnt;
 
 static size_t whole(size_t len)
 {
@@ -26,8 +31,8 @@ extern "C" void *__wrap_mmap(void *addr, size_t len, int prot, int flags, int fd
 {
     if (fd < 0 || addr || len == 0)
         return __real_mmap(addr, len, prot, flags, fd, off);
-    char *at = (char *)__real_mmap(nullptr, whole(len) + PAGE, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
-                                   -1, 0);
+    char *at = (char *)__real_mmap(nullptr, whole(len) + PAGE, PROT_NONE,
+                                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (at == MAP_FAILED)
         return MAP_FAILED;
     if (__real_mmap(at, len, prot, flags | MAP_FIXED, fd, off) == MAP_FAILED) {
@@ -39,9 +44,27 @@ extern "C" void *__wrap_mmap(void *addr, size_t len, int prot, int flags, int fd
     for (auto &slot : tight)
         if (!slot.at) {
             slot = {at, len};
+            ++tight_cnt;
             return at;
         }
     __builtin_trap(); // mappings are never given back
+}
+
+// What is forgotten stays reserved, so that nothing else comes to lie there.
+void tight_forget(bool (*in_use)(const void *))
+{
+    if (tight_cnt <= 512)
+        return;
+    for (auto &slot : tight) {
+        if (!slot.at || in_use(slot.at))
+            continue;
+        if (__asan_unpoison_memory_region)
+            __asan_unpoison_memory_region(slot.at + slot.len, whole(slot.len) - slot.len);
+        __real_mmap(slot.at, whole(slot.len) + PAGE, PROT_NONE,
+                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+        slot = {};
+        --tight_cnt;
+    }
 }
 
 extern "C" int __wrap_munmap(void *addr, size_t len)
@@ -52,6 +75,7 @@ extern "C" int __wrap_munmap(void *addr, size_t len)
             if (__asan_unpoison_memory_region)
                 __asan_unpoison_memory_region(slot.at + mapped, whole(mapped) - mapped);
             slot = {};
+            --tight_cnt;
             return __real_munmap(addr, whole(mapped) + PAGE);
         }
     return __real_munmap(addr, len);
