@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "shkv_intf/proc.h"
 #include "shkvctl/raw_stats.h"
 #include "target.h"
 
@@ -322,8 +323,8 @@ void run(input in)
     bool before = first & 0x80;
     int handle = before ? standing_reader(which) : 0;
     damage(store_p, &in);
-    if (inputs % 64)
-        limit_objects((which == 2 ? 33u : 1u) << 20);
+    if (inputs % 256)
+        limit_objects(which == 2 ? 33u << 20 : 256u << 10);
     if (!handle)
         call(false, false, [&] { handle = open_reader(NAMES[which]); });
     if (handle) {
@@ -377,7 +378,21 @@ extern "C" [[noreturn]] void __wrap_siglongjmp(sigjmp_buf to, int val)
     __real_siglongjmp(enough ? out_of_call : to, val);
 }
 
-// One that goes round without either is met by the clock: the same call for 5 ms of this thread.
+// Whether the call that is under way holds a lock, which a jump would leave taken.
+static bool holds_lock()
+{
+    int free_cnt = 1, free_heads = 1;
+    sem_getvalue(&obj_sem, &free_cnt);
+    sem_getvalue(&hd_sem, &free_heads);
+    bool held = free_cnt == 0 || free_heads == 0;
+    for (const damaged_store &store : stores) {
+        const char *ring_mutex = store.objs[OBJ_SN].at + SHKV_PAGE_SIZE + offsetof(trace_ring, mutex);
+        held |= ((const pthread_mutex_t *)(const void *)ring_mutex)->__data.__lock != 0;
+    }
+    return held;
+}
+
+// One that goes round without either is met by the clock: the same call for 2 ms of this thread.
 static void on_tick(int)
 {
     static unsigned seen;
@@ -388,7 +403,7 @@ static void on_tick(int)
     if (seen != calls)
         begin_ns = now_ns;
     seen = calls;
-    if (may_go_round && now_ns - begin_ns > 5000000)
+    if (may_go_round && now_ns - begin_ns > 2000000 && !holds_lock())
         siglongjmp(out_of_call, 1);
 }
 

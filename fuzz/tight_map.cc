@@ -2,6 +2,7 @@
 // rest of its last page is poisoned (under the address sanitizer). Who reads past the end of what it
 // mapped is found out. A damaged store can leave mappings behind; those that nobody has any more are
 // forgotten in time.
+#include <errno.h>
 #include <stdint.h>
 #include <sys/mman.h>
 
@@ -47,7 +48,12 @@ extern "C" void *__wrap_mmap(void *addr, size_t len, int prot, int flags, int fd
             ++tight_cnt;
             return at;
         }
-    __builtin_trap(); // mappings are never given back
+    // Too many for the list: there is no memory for one more.
+    if (tight_tails && len != SUPERNODE_LEN && __asan_unpoison_memory_region)
+        __asan_unpoison_memory_region(at + len, whole(len) - len);
+    __real_munmap(at, whole(len) + PAGE);
+    errno = ENOMEM;
+    return MAP_FAILED;
 }
 
 // What is forgotten stays reserved, so that nothing else comes to lie there.
