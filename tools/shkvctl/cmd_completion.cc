@@ -108,7 +108,7 @@ complete -o filenames -F _shkvctl shkvctl
 
 // ---- zsh ----
 
-// A text between single quotes of a specification of _arguments.
+// A text between the single quotes of what _arguments takes.
 std::string quoted(const std::string &words)
 {
     std::string text;

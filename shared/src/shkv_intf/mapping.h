@@ -12,8 +12,7 @@
 #define STAND_MS 1000u // how long a thread may stand on what was replaced; a reshape waits as long
 
 // Maps sz bytes of an object from byte at on; MAP_FAILED with errno. Where its mount leaves huge pages to
-// those who ask (huge=advise), this asks: a lookup in a large store then waits for memory alone, and not
-// for the page tables as well.
+// those who ask (huge=advise), this asks: what is touched first then costs a page fault for 2 MB, not 4 KB.
 void *map_object(int fd, uint32_t sz, int prot, uint32_t at);
 
 // Exchanges what *base_pp and *size_p say for sz bytes of fd. Without room for both mappings the old
