@@ -214,6 +214,11 @@ int shkv_interimlst_put(shkv_head *head, void *ud, const shkv_buf *key, const sh
 
 udn *shkv_interimlst_lookup(supernode *sn, const shkv_buf *key, void *ud)
 {
+    return interim_find(sn, key, ud, UINT32_MAX);
+}
+
+udn *interim_find(supernode *sn, const shkv_buf *key, void *ud, uint32_t limit)
+{
     if (!is_fixed(sn)) {
         LOG("interimlist, mem-mgmt mode is not supported");
         return nullptr;
@@ -222,6 +227,8 @@ udn *shkv_interimlst_lookup(supernode *sn, const shkv_buf *key, void *ud)
     if (!get32(&sbm_p->intrm_head))
         return nullptr;
     uint32_t end = get32(&sbm_p->ud_end), dn_sz = get32(&sbm_p->dn_sz);
+    if (end > limit) // a damaged header, or a growth that this mapping has not followed
+        end = limit;
     if (key->len + UDN_HEAD_SZ > dn_sz || end < dn_sz)
         return nullptr;
     list_walk walk = {ud, key, end - dn_sz, end / dn_sz, nullptr};

@@ -28,6 +28,9 @@ static inline shkv_buf intrm_value(intrm_rec *rec)
     return {(char *)rec + UDN_HEAD_SZ + rec->key_sz, rec->val_sz};
 }
 
+// shkv_interimlst_lookup by a reader who has limit bytes of the space mapped.
+udn *interim_find(supernode *sn, const shkv_buf *key, void *ud, uint32_t limit);
+
 // The rest is for the holder of wr_ksem.
 
 // True without a list, and for one that holds its dead node alone.

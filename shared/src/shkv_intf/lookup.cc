@@ -14,6 +14,7 @@
 #include "diag/fail.h"
 #include "diag/log.h"
 #include "diag/trace.h"
+#include "reshape/interim.h"
 #include "shkv_hash/checksum.h"
 #include "shkv_hash/hash_fn.h"
 #include "shkv_intf/addr.h"
@@ -232,7 +233,7 @@ static int look_at_interim(const lookup_op *op_p)
     char *base = ud ? ud_mapped(ud, &limit) : nullptr;
     if (!base)
         return unmapped(op_p);
-    const udn *rec_p = shkv_interimlst_lookup(op_p->sn, op_p->key, base);
+    const udn *rec_p = interim_find(op_p->sn, op_p->key, base, limit);
     if (!rec_p)
         return LOOK_MISS;
     interim_answer said = {};
@@ -241,7 +242,7 @@ static int look_at_interim(const lookup_op *op_p)
     if (said.kind != INTRM_ADD && said.kind != INTRM_DEL)
         return LOOK_MISS;
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
-    if (!op_p->last && shkv_interimlst_lookup(op_p->sn, op_p->key, base) != rec_p)
+    if (!op_p->last && interim_find(op_p->sn, op_p->key, base, limit) != rec_p)
         return LOOK_AGAIN;
     switch (said.answer) {
     case ANSWER_DELETED:
