@@ -36,10 +36,8 @@ QUICK_INLINE int vector_take(const quick_view *view_p, const quick_hit *hit_p, u
         const char *next_p = view_p->ud_base + off;
         __builtin_prefetch(next_p);
         __builtin_prefetch(next_p + 64);
-        if (next_p == unit_p + VEC_UNIT_SZ) {
-            __builtin_prefetch(next_p + VEC_UNIT_SZ);
-            __builtin_prefetch(next_p + VEC_UNIT_SZ + 64);
-        }
+        __builtin_prefetch(next_p + VEC_UNIT_SZ);
+        __builtin_prefetch(next_p + VEC_UNIT_SZ + 64);
         if (LIKELY(part == UNIT_ROOM))
             memcpy(dst_p, unit_p + UNIT_LINK_SZ, UNIT_ROOM);
         else
