@@ -13,11 +13,12 @@ struct peer_cfg {
 };
 
 enum peer_trait : unsigned {
-    PEER_SHARED = 1, // readers in other processes work beside a writer
-    PEER_KEPT = 2,   // outlives the process, so that one can attach
-    PEER_REMOTE = 4, // a server does the work: wall time counts, not this thread's CPU time
-    PEER_GROWS = 8,  // a store planned too small stays usable
-    PEER_FLOOR = 16, // a bare probe: no checks, no API
+    PEER_SHARED = 1,  // readers in other processes work beside a writer
+    PEER_KEPT = 2,    // outlives the process, so that one can attach
+    PEER_REMOTE = 4,  // a server does the work: wall time counts, not this thread's CPU time
+    PEER_GROWS = 8,   // a store planned too small stays usable
+    PEER_FLOOR = 16,  // a bare probe: no checks, no API
+    PEER_VECTOR = 32, // takes part with variable values only
 };
 
 enum peer_how { PEER_CREATE, PEER_READ, PEER_WRITE };
@@ -42,9 +43,9 @@ struct peer {
     void (*bulk)(void *store, bool begin); // writes in between are taken together
 };
 
-extern const peer peer_shkv, peer_probe_plain, peer_probe_tuned, peer_lmdb, peer_tdb, peer_tkrzw_hash,
-    peer_tkrzw_tiny, peer_tkrzw_cache, peer_kyoto_hash, peer_kyoto_proto, peer_kyoto_cache, peer_boost,
-    peer_redis, peer_memcached;
+extern const peer peer_shkv, peer_probe_plain, peer_probe_tuned, peer_probe_fifo, peer_lmdb, peer_tdb,
+    peer_tdb_nolock, peer_tkrzw_hash, peer_tkrzw_tiny, peer_tkrzw_cache, peer_kyoto_hash, peer_kyoto_proto,
+    peer_kyoto_cache, peer_boost, peer_redis, peer_memcached;
 
 // All that this build has, ended by a null.
 extern const peer *const peers[];

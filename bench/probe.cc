@@ -7,7 +7,9 @@
 //
 // Both probes work on the same bytes. The plain one is written as one would write it down: the
 // hash a byte at a time, a division, memcmp and memcpy of run-time lengths, the checksum's loop as
-// it is defined. The tuned one computes the same with better code.
+// it is defined. The tuned one computes the same with better code. A third, for variable values, is
+// the plain one with freed units used again in the order in which they were freed, as a store does
+// whose freed units have to wait for its readers.
 #include "peer.h"
 
 #include <fcntl.h>
@@ -27,6 +29,8 @@ struct probe_head {
     uint32_t tail; // first never-used offset
     uint32_t end;
     uint32_t free_head;
+    uint32_t free_tail; // last of the list; only read when freed units queue
+    uint32_t fifo;      // they queue; otherwise the last one freed is the first one used
     uint64_t map_sz;
 };
 
@@ -317,10 +321,17 @@ static uint32_t take_units(probe *p, uint32_t cnt)
 
 static void give_units(probe *p, udn *rec)
 {
+    probe_head *head = p->head;
     const uint32_t off = static_cast<uint32_t>(reinterpret_cast<char *>(rec) - p->ud);
-    udn *last = p->head->vector ? rec_at(p, reinterpret_cast<vec_udn *>(rec)->last_unit) : rec;
-    put32(&last->unit_next, p->head->free_head);
-    p->head->free_head = off;
+    const uint32_t last = head->vector ? reinterpret_cast<vec_udn *>(rec)->last_unit : off;
+    if (!head->fifo) {
+        put32(&rec_at(p, last)->unit_next, head->free_head);
+        head->free_head = off;
+        return;
+    }
+    put32(&rec_at(p, last)->unit_next, 0);
+    put32(head->free_head ? &rec_at(p, head->free_tail)->unit_next : &head->free_head, off);
+    head->free_tail = last;
 }
 
 template <bool tuned>
@@ -405,7 +416,7 @@ static bool map_probe(probe *p, int fd, uint64_t size)
     return map != MAP_FAILED;
 }
 
-static void *open_probe(const peer_cfg &cfg, peer_how how, const char *kind)
+static void *open_probe(const peer_cfg &cfg, peer_how how, const char *kind, bool fifo)
 {
     probe *p = new probe{};
     snprintf(p->path, sizeof p->path, "%s/%s", cfg.dir, kind);
@@ -434,7 +445,7 @@ static void *open_probe(const peer_cfg &cfg, peer_how how, const char *kind)
         return nullptr;
     close(fd);
     if (how == PEER_CREATE)
-        *p->head = {hashsz, unit_sz, cfg.vector, 256, static_cast<uint32_t>(end), 0, size};
+        *p->head = {hashsz, unit_sz, cfg.vector, 256, static_cast<uint32_t>(end), 0, 0, fifo, size};
     p->hashsz = p->head->hashsz;
     p->recip = UINT64_MAX / p->hashsz + 1;
     p->bkt = reinterpret_cast<mdn *>(reinterpret_cast<char *>(p->head) + 4096);
@@ -444,11 +455,15 @@ static void *open_probe(const peer_cfg &cfg, peer_how how, const char *kind)
 
 static void *open_plain(const peer_cfg &cfg, peer_how how)
 {
-    return open_probe(cfg, how, "plain");
+    return open_probe(cfg, how, "plain", false);
 }
 static void *open_tuned(const peer_cfg &cfg, peer_how how)
 {
-    return open_probe(cfg, how, "tuned");
+    return open_probe(cfg, how, "tuned", false);
+}
+static void *open_fifo(const peer_cfg &cfg, peer_how how)
+{
+    return open_probe(cfg, how, "fifo", true);
 }
 
 static void close_probe(void *store_p, bool drop)
@@ -472,3 +487,9 @@ const peer peer_probe_tuned = {"probe_tuned", PEER_SHARED | PEER_KEPT | PEER_FLO
                                erase<true>,   iterate<true>,
                                lite<true>,    group,
                                nullptr};
+const peer peer_probe_fifo = {"probe_fifo",  PEER_FLOOR | PEER_VECTOR,
+                              open_fifo,     close_probe,
+                              lookup<false>, store<false>,
+                              erase<false>,  nullptr,
+                              nullptr,       nullptr,
+                              nullptr};

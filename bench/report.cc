@@ -167,13 +167,12 @@ static void goals(std::ofstream &out)
         const auto toll = [&](const char *peer) {
             return time_of("reader_beside_writer", n, peer) / time_of("reader_alone", n, peer);
         };
-        if (time_of("two_readers", n, "shkv") > 0 && time_of("two_readers", n, "probe_tuned") > 0)
-            add("scaling of two readers, " + count(n), "probe_tuned", scale("shkv") / scale("probe_tuned"), .95,
-                true);
-        if (time_of("reader_beside_writer", n, "shkv") > 0 &&
-            time_of("reader_beside_writer", n, "probe_tuned") > 0)
-            add("a writer's toll on a reader, " + count(n), "probe_tuned", toll("shkv") / toll("probe_tuned"),
-                1, false);
+        for (const char *probe : {"probe_plain", "probe_tuned"}) {
+            if (scale("shkv") > 0 && scale(probe) > 0)
+                add("scaling of two readers, " + count(n), probe, scale("shkv") / scale(probe), .95, true);
+            if (toll("shkv") > 0 && toll(probe) > 0)
+                add("a writer's toll on a reader, " + count(n), probe, toll("shkv") / toll(probe), 1, false);
+        }
     }
     if (!rows.empty())
         table(out, "Ratios that must hold", {"time of shkv", "over that of", "ratio", "goal", "holds"}, rows);
@@ -364,9 +363,10 @@ int main(int argc, char **argv)
     run = json::parse(in, nullptr, false);
     if (run.is_discarded() || !run.contains("benchmarks"))
         return fprintf(stderr, "%s is no run\n", argv[1]), 1;
-    const std::vector<std::string> known = {
-        "shkv",       "probe_plain", "probe_tuned", "lmdb",        "tdb",         "boost", "tkrzw_hash",
-        "kyoto_hash", "tkrzw_tiny",  "tkrzw_cache", "kyoto_proto", "kyoto_cache", "redis", "memcached"};
+    const std::vector<std::string> known = {"shkv",        "probe_plain", "probe_tuned", "probe_fifo",
+                                            "lmdb",        "tdb",         "tdb_nolock",  "boost",
+                                            "tkrzw_hash",  "kyoto_hash",  "tkrzw_tiny",  "tkrzw_cache",
+                                            "kyoto_proto", "kyoto_cache", "redis",       "memcached"};
     for (const std::string &peer : known)
         for (const json &row : run["benchmarks"])
             if (row["peer"] == peer) {

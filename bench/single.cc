@@ -203,41 +203,17 @@ static const operation table_ops[] = {
     {"insert_bulk100", [](const peer &p) { return p.bulk != nullptr; }, insert_bulk},
     {"delete", any, erase},
 };
-static const operation vector_ops[] = {{"vec_lookup", any, lookup_hit}, {"vec_replace", any, replace}};
-static const operation churned_ops[] = {{"vec_lookup_churned", any, lookup_hit}};
-
-// All rounds of all operations over the contestants, each round beginning with another of them.
-template <size_t cnt>
-static void rounds_of(const operation (&ops)[cnt], uint32_t size, std::vector<contestant> &field,
-                      const workset &w)
-{
-    for (int r = 0; r < opt.rounds; r++)
-        for (const operation &op : ops)
-            for (size_t i = 0; i < field.size(); i++) {
-                contestant &c = field[(i + static_cast<size_t>(r)) % field.size()];
-                c.turn = static_cast<uint32_t>(r);
-                if (op.can(*c.p) && wanted(op.name, size, *c.p))
-                    run_case(op.name, size, *c.p, [&] { return op.run(c, w); });
-            }
-}
-
-template <size_t cnt>
-static std::vector<contestant> field_of(const operation (&ops)[cnt], uint32_t size, const peer_cfg &cfg)
-{
-    std::vector<contestant> field;
-    for (const peer *const *p = peers; *p; p++)
-        // What a server takes for a round trip hardly depends on what it looks for.
-        if ((!((*p)->traits & PEER_REMOTE) || (cfg.entries < 2000000 && !cfg.vector)) &&
-            std::any_of(ops, ops + cnt,
-                        [&](const operation &op) { return op.can(**p) && wanted(op.name, size, **p); }))
-            field.push_back(contestant_of(**p, cfg));
-    return field;
-}
 
 void table_group(uint32_t n)
 {
     const uint32_t extra = std::max(100u, std::min(n / 10, 100000u));
-    std::vector<contestant> field = field_of(table_ops, n, {nullptr, n + extra, kKey, 32, false, false});
+    std::vector<contestant> field;
+    for (const peer *const *p = peers; *p; p++)
+        // What a server takes for a round trip hardly depends on what it looks for.
+        if (!((*p)->traits & PEER_VECTOR) && (!((*p)->traits & PEER_REMOTE) || n < 2000000) &&
+            std::any_of(std::begin(table_ops), std::end(table_ops),
+                        [&](const operation &op) { return op.can(**p) && wanted(op.name, n, **p); }))
+            field.push_back(contestant_of(**p, {nullptr, n + extra, kKey, 32, false, false}));
     if (field.empty())
         return;
     const workset w = workset_of(n, extra);
@@ -245,51 +221,70 @@ void table_group(uint32_t n)
         open_store(c, PEER_CREATE);
         fill(c, 0, n);
     }
-    rounds_of(table_ops, n, field, w);
+    // All operations over the contestants, each round beginning with another of them.
+    for (int r = 0; r < opt.rounds; r++)
+        for (const operation &op : table_ops)
+            for (size_t i = 0; i < field.size(); i++) {
+                contestant &c = field[(i + static_cast<size_t>(r)) % field.size()];
+                c.turn = static_cast<uint32_t>(r);
+                if (op.can(*c.p) && wanted(op.name, n, *c.p))
+                    run_case(op.name, n, *c.p, [&] { return op.run(c, w); });
+            }
     for (contestant &c : field)
         close_store(c, true);
 }
 
-// Fresh, each record's units lie in a row. Churn replaces all records three times with values of
-// other sizes, in random order, and then once with the old size again.
-void vector_group(uint32_t val_sz)
+// One contestant's round with variable values. Fresh, each record's units lie in a row. Churn replaces all
+// records three times with values of other sizes, in random order, and then once with the old size again.
+static void vector_round(contestant &c, uint32_t val_sz, const workset &w)
 {
-    const uint32_t n = opt.quick ? 50000 : 200000;
-    std::vector<contestant> field = field_of(vector_ops, val_sz, {nullptr, n, kKey, val_sz, true, false});
-    const std::vector<contestant> churned =
-        field_of(churned_ops, val_sz, {nullptr, n, kKey, val_sz, true, false});
-    for (const contestant &c : churned)
-        if (std::none_of(field.begin(), field.end(), [&](const contestant &f) { return f.p == c.p; }))
-            field.push_back(c);
-    if (field.empty())
-        return;
-    const workset w = workset_of(n, 0);
-    for (contestant &c : field) {
-        open_store(c, PEER_CREATE);
-        fill(c, 0, n);
-    }
-    const operation fresh[] = {vector_ops[0]}, writes[] = {vector_ops[1]};
-    rounds_of(fresh, val_sz, field, w);
-    rounds_of(writes, val_sz, field, w);
-    for (contestant &c : field) {
+    const auto measure = [&](const char *op, sample (*run)(contestant &, const workset &)) {
+        if (wanted(op, val_sz, *c.p))
+            run_case(op, val_sz, *c.p, [&] { return run(c, w); });
+    };
+    open_store(c, PEER_CREATE);
+    fill(c, 0, w.n);
+    measure("vec_lookup", lookup_hit);
+    measure("vec_replace", replace);
+    if (wanted("vec_lookup_churned", val_sz, *c.p)) {
         rng r = {1};
         char key[kKey];
         if (c.p->bulk)
             c.p->bulk(c.h, true);
-        for (uint32_t i = 0; i < 3 * n; i++) {
-            make_key(r.below(n), key);
+        for (uint32_t i = 0; i < 3 * w.n; i++) {
+            make_key(r.below(w.n), key);
             put(c, key, val_sz / 2 + r.below(val_sz / 2 + 1));
         }
-        for (uint32_t i = 0; i < n; i++) {
-            make_key((i * 7919ull + 13) % n, key); // every record once: n is no multiple of that prime
+        for (uint32_t i = 0; i < w.n; i++) {
+            make_key((i * 7919ull + 13) % w.n, key); // every record once: n is no multiple of that prime
             put(c, key, val_sz);
         }
         if (c.p->bulk)
             c.p->bulk(c.h, false);
+        measure("vec_lookup_churned", lookup_hit);
     }
-    rounds_of(churned_ops, val_sz, field, w);
-    for (contestant &c : field)
-        close_store(c, true);
+    close_store(c, true);
+}
+
+// One store at a time, made anew in each round: which pages a store gets from the machine weighs as much here
+// as what it does with them, and so each gets the pages that the one before it gave back.
+void vector_group(uint32_t val_sz)
+{
+    // Far more than the caches hold.
+    const uint32_t n = opt.quick ? 50000 : val_sz < 2000 ? 200000 : 100000;
+    const workset w = workset_of(n, 0);
+    std::vector<contestant> field;
+    for (const peer *const *p = peers; *p; p++)
+        if (!((*p)->traits & PEER_REMOTE) && // what a round trip takes hardly depends on what it is for
+            (wanted("vec_lookup", val_sz, **p) || wanted("vec_replace", val_sz, **p) ||
+             wanted("vec_lookup_churned", val_sz, **p)))
+            field.push_back(contestant_of(**p, {nullptr, n, kKey, val_sz, true, false}));
+    for (int r = 0; r < opt.rounds; r++)
+        for (size_t i = 0; i < field.size(); i++) {
+            contestant &c = field[(i + static_cast<size_t>(r)) % field.size()];
+            c.turn = static_cast<uint32_t>(r);
+            vector_round(c, val_sz, w);
+        }
 }
 
 // ---- Growth and attach ----------------------------------------------------------------------------

@@ -4,12 +4,12 @@ const peer *const peers[] = {
 #ifdef HAVE_SHKV
     &peer_shkv,
 #endif
-    &peer_probe_plain, &peer_probe_tuned,
+    &peer_probe_plain, &peer_probe_tuned, &peer_probe_fifo,
 #ifdef HAVE_LMDB
     &peer_lmdb,
 #endif
 #ifdef HAVE_TDB
-    &peer_tdb,
+    &peer_tdb,         &peer_tdb_nolock,
 #endif
 #ifdef HAVE_BOOST
     &peer_boost,

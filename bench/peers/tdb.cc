@@ -1,5 +1,5 @@
-// TDB: the better hash, one bucket a record, no syncing. Alone it takes no locks; beside other
-// processes it takes its robust mutexes, the fastest kind that it has.
+// TDB: the better hash, one bucket a record, no syncing, and the fastest locks that it has, robust
+// mutexes. It also takes part without any lock, as one that nobody else may open meanwhile.
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdint.h>
@@ -19,15 +19,24 @@ static TDB_DATA data_of(const void *ptr, uint32_t len)
     return {static_cast<unsigned char *>(const_cast<void *>(ptr)), len};
 }
 
-static void *open_tdb(const peer_cfg &cfg, peer_how how)
+static void *open_tdb(const peer_cfg &cfg, peer_how how, int locks)
 {
     char path[300];
     snprintf(path, sizeof path, "%s/tdb", cfg.dir);
-    int flags = TDB_NOSYNC | TDB_INCOMPATIBLE_HASH | TDB_VOLATILE;
-    flags |= cfg.shared ? TDB_MUTEX_LOCKING | TDB_CLEAR_IF_FIRST : TDB_NOLOCK;
     const int buckets = static_cast<int>(cfg.entries < 1000 ? 1000 : cfg.entries);
-    return tdb_open_ex(path, buckets, flags, (how == PEER_CREATE ? O_CREAT : 0) | O_RDWR, 0600, nullptr,
-                       nullptr);
+    return tdb_open_ex(path, buckets, TDB_NOSYNC | TDB_INCOMPATIBLE_HASH | TDB_VOLATILE | locks,
+                       (how == PEER_CREATE ? O_CREAT : 0) | O_RDWR, 0600, nullptr, nullptr);
+}
+
+// Mutexes go with a store that its first opener clears, and so with none that outlives its process.
+static void *open_mutex(const peer_cfg &cfg, peer_how how)
+{
+    return open_tdb(cfg, how, TDB_MUTEX_LOCKING | TDB_CLEAR_IF_FIRST);
+}
+
+static void *open_nolock(const peer_cfg &cfg, peer_how how)
+{
+    return open_tdb(cfg, how, TDB_NOLOCK);
 }
 
 static void close_tdb(void *store, bool drop)
@@ -94,6 +103,7 @@ static uint64_t iterate(void *store_p, peer_visit visit, void *arg)
     return cnt < 0 ? 0 : static_cast<uint64_t>(cnt);
 }
 
-const peer peer_tdb = {
-    "tdb",  PEER_SHARED | PEER_KEPT, open_tdb, close_tdb, lookup, store, erase, iterate, nullptr, nullptr,
-    nullptr};
+const peer peer_tdb = {"tdb", PEER_SHARED, open_mutex, close_tdb, lookup, store,
+                       erase, iterate,     nullptr,    nullptr,   nullptr};
+const peer peer_tdb_nolock = {"tdb_nolock", PEER_KEPT, open_nolock, close_tdb, lookup, store,
+                              erase,        iterate,   nullptr,     nullptr,   nullptr};
