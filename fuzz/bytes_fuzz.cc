@@ -324,7 +324,7 @@ void run(input in)
     int handle = before ? standing_reader(which) : 0;
     damage(store_p, &in);
     if (inputs % 256)
-        limit_objects(which == 2 ? 33u << 20 : 256u << 10);
+        limit_objects(which == 2 ? 33u << 20 : 64u << 10); // what they are at most, and a little
     if (!handle)
         call(false, false, [&] { handle = open_reader(NAMES[which]); });
     if (handle) {
