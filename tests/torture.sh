@@ -31,7 +31,7 @@ row() {
 libfuzzer() {
     local name=$1 runs=$2 corpus=$logs/corpus-$1
     mkdir -p "$corpus"
-    local all=(-max_len=64 -print_final_stats=1 "-artifact_prefix=$logs/$name-" "$corpus" "$here/../fuzz/inputs/$name")
+    local all=(-max_len=64 -timeout=20 -print_final_stats=1 "-artifact_prefix=$logs/$name-" "$corpus" "$here/../fuzz/inputs/$name")
     row "$name" "$fuzz/${name}_fuzz" "-runs=$((runs / 100))" "${all[@]}"
     row "$name-bulk" "$fuzz/${name}_fuzz_bulk" "-runs=$((runs - runs / 100))" -entropic=0 -use_counters=0 -reload=0 "${all[@]}"
 }

@@ -77,6 +77,7 @@ void link_node(void *ud, intrm_rec *rec)
 struct list_walk {
     void *ud;
     const shkv_buf *key;
+    uint32_t limit;    // bytes mapped
     uint32_t last_off; // no node starts beyond it
     uint32_t max_cnt;  // nor are there more of them
     udn *found;
@@ -117,14 +118,31 @@ bool walk_list(list_walk *walk_p)
     return true;
 }
 
-// The list lies in an object that a reshape which is given up cuts, one second later.
+// False when there is no list, or none that has room for the key.
+bool bound_walk(list_walk *walk_p)
+{
+    const sbm *sbm_p = (const sbm *)walk_p->ud;
+    if (!get32(&sbm_p->intrm_head))
+        return false;
+    uint32_t end = get32(&sbm_p->ud_end), dn_sz = get32(&sbm_p->dn_sz);
+    if (end > walk_p->limit) // a damaged header, or a growth that this mapping has not followed
+        end = walk_p->limit;
+    if (walk_p->key->len + UDN_HEAD_SZ > dn_sz || end < dn_sz)
+        return false;
+    walk_p->last_off = end - dn_sz;
+    walk_p->max_cnt = end / dn_sz;
+    return true;
+}
+
+// The list lies in an object that a reshape which is given up cuts, one second later: its header too.
 bool walk_guarded(list_walk *walk_p)
 {
+    walk_p->found = nullptr;
     if (sigsetjmp(sigbus_jmp, 0) != 0) {
         walk_p->found = nullptr;
         return true;
     }
-    return walk_list(walk_p);
+    return !bound_walk(walk_p) || walk_list(walk_p);
 }
 
 } // namespace
@@ -223,15 +241,7 @@ udn *interim_find(supernode *sn, const shkv_buf *key, void *ud, uint32_t limit)
         LOG("interimlist, mem-mgmt mode is not supported");
         return nullptr;
     }
-    const sbm *sbm_p = (const sbm *)ud;
-    if (!get32(&sbm_p->intrm_head))
-        return nullptr;
-    uint32_t end = get32(&sbm_p->ud_end), dn_sz = get32(&sbm_p->dn_sz);
-    if (end > limit) // a damaged header, or a growth that this mapping has not followed
-        end = limit;
-    if (key->len + UDN_HEAD_SZ > dn_sz || end < dn_sz)
-        return nullptr;
-    list_walk walk = {ud, key, end - dn_sz, end / dn_sz, nullptr};
+    list_walk walk = {ud, key, limit, 0, 0, nullptr};
     for (uint32_t tries = 0; tries < RESTARTS; tries++)
         if (walk_guarded(&walk))
             return walk.found;
