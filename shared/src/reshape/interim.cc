@@ -26,7 +26,7 @@
 
 namespace {
 
-constexpr uint32_t RESTARTS = 100000; // of one lookup; only a damaged list comes near it
+constexpr uint32_t RESTARTS = 1000; // of one lookup; only a damaged list comes near it
 
 uint32_t off_of(const void *ud, const void *node_p)
 {
