@@ -49,6 +49,7 @@ std::vector<undo> undo_log;
 
 sigjmp_buf out_of_call;
 bool may_go_round, may_assert;
+bool left_by_clock; // out of the middle of a call: its handle may be half in step, and serves no more
 unsigned rounds, calls;
 
 // Short keys, and some that take several units.
@@ -267,23 +268,23 @@ int open_reader(const char *name)
 
 // A reader from before the damage. It stays for the next input unless it has followed some damage with
 // its mappings, which shows in its head.
+int standing[4]; // its handles
 int standing_reader(int which)
 {
-    static int handles[4];
     static shkv_head fresh[4];
     static ud_map fresh_map[4];
-    shkv_head *head = &shkv_db_heads[handles[which] ? handles[which] - 1 : 0];
+    shkv_head *head = &shkv_db_heads[standing[which] ? standing[which] - 1 : 0];
     head->iter_off = head->iter_bkt = head->iter_cnt = 0;
-    if (handles[which] && memcmp(head, &fresh[which], sizeof *head) == 0 &&
+    if (standing[which] && memcmp(head, &fresh[which], sizeof *head) == 0 &&
         memcmp(head->ud1_map, &fresh_map[which], sizeof(ud_map)) == 0)
-        return handles[which];
-    if (handles[which])
-        shkv_close(handles[which]);
-    handles[which] = open_reader(NAMES[which]);
-    MUST(handles[which], "cannot open");
-    fresh[which] = shkv_db_heads[handles[which] - 1];
+        return standing[which];
+    if (standing[which])
+        shkv_close(standing[which]);
+    standing[which] = open_reader(NAMES[which]);
+    MUST(standing[which], "cannot open");
+    fresh[which] = shkv_db_heads[standing[which] - 1];
     fresh_map[which] = *fresh[which].ud1_map;
-    return handles[which];
+    return standing[which];
 }
 
 bool in_use(const void *at)
@@ -325,6 +326,7 @@ void run(input in)
     bool before = first & 0x80;
     int handle = before ? standing_reader(which) : 0;
     damage(store_p, &in);
+    left_by_clock = false;
     if (inputs % 256)
         limit_objects(which == 2 ? 33u << 20 : 64u << 10); // what they are at most, and a little
     if (!handle)
@@ -332,15 +334,22 @@ void run(input in)
     const unsigned step = which == 2 ? 7 : 1;
     if (handle) {
         look_at_keys(handle, step);
-        if (which != 2 || inputs % 8 == 0)
+        if (!left_by_clock && (which != 2 || inputs % 8 == 0))
             iterate(handle);
-        ask(handle);
+        if (!left_by_clock)
+            ask(handle);
     }
     limit_objects(RLIM_INFINITY);
     cut_objects(*store_p);
     if (++inputs % (which == 2 ? 256 : 16) == 0) { // its space is a whole chunk
         look_raw(NAMES[which]);
         image_faults(NAMES[which], inputs & 512);
+    }
+    if (handle && left_by_clock) {
+        shkv_close(handle);
+        if (before)
+            standing[which] = 0;
+        handle = 0;
     }
     if (handle) {
         look_at_keys(handle, step); // with objects that are shorter than they were
@@ -407,8 +416,10 @@ static void on_tick(int)
     if (seen != calls)
         begin_ns = now_ns;
     seen = calls;
-    if (may_go_round && now_ns - begin_ns > 2000000 && !holds_lock())
+    if (may_go_round && now_ns - begin_ns > 2000000 && !holds_lock()) {
+        left_by_clock = true;
         siglongjmp(out_of_call, 1);
+    }
 }
 
 // A raw reader waits before it looks again.
