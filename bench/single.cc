@@ -245,8 +245,7 @@ static void vector_round(contestant &c, uint32_t val_sz, const workset &w)
     open_store(c, PEER_CREATE);
     fill(c, 0, w.n);
     measure("vec_lookup", lookup_hit);
-    measure("vec_replace", replace);
-    if (wanted("vec_lookup_churned", val_sz, *c.p)) {
+    if (wanted("vec_lookup_churned", val_sz, *c.p) || wanted("vec_replace", val_sz, *c.p)) {
         rng r = {1};
         char key[kKey];
         if (c.p->bulk)
@@ -262,6 +261,7 @@ static void vector_round(contestant &c, uint32_t val_sz, const workset &w)
         if (c.p->bulk)
             c.p->bulk(c.h, false);
         measure("vec_lookup_churned", lookup_hit);
+        measure("vec_replace", replace);
     }
     close_store(c, true);
 }

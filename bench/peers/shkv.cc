@@ -4,6 +4,7 @@
 
 #include "peer.h"
 #include "shkv.h"
+#include "shkv_format.h"
 
 static inline int handle_of(void *store)
 {
@@ -23,9 +24,13 @@ static void *open_shkv(const peer_cfg &cfg, peer_how how)
     if (how == PEER_CREATE) {
         shkv_params params = {static_cast<uint16_t>(cfg.key_sz), static_cast<uint16_t>(cfg.val_sz), cfg.entries,
                               cfg.vector ? CONF_VECTORMM : CONF_FIXEDMM, 0};
-        if (cfg.vector) { // a vector store is planned in units of 128 bytes
-            params.maxksz = params.maxvsz = 0;
-            params.maxents = cfg.entries * (2 + (cfg.key_sz + cfg.val_sz) / 124);
+        // Records of variable size: four entries each, of a quarter of the bytes that its units take. Space as for
+        // one, and a table in which few records share a bucket.
+        if (cfg.vector) {
+            const uint32_t size = cfg.key_sz + cfg.val_sz, first = VEC_UNIT_SZ - VEC_HEAD_SZ;
+            const uint32_t units = size <= first ? 1 : 2 + (size - first - 1) / (VEC_UNIT_SZ - 4);
+            params.maxvsz = static_cast<uint16_t>(units * VEC_UNIT_SZ / 4 - UDN_HEAD_SZ - cfg.key_sz);
+            params.maxents = cfg.entries * 4;
         }
         handle = shkv_create(uri, UUID_BIG_A, &params, 0, &err);
     } else {
