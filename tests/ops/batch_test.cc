@@ -1,9 +1,5 @@
 // Batches: what is applied, what a failure or a crash leaves, and what becomes of the log.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <vector>
+#include <algorithm>
 
 #include "support/kv.h"
 
@@ -11,47 +7,36 @@ namespace {
 
 using strings = std::vector<std::string>;
 
-int batch(int handle, const strings &keys, const strings &vals, uint16_t opflg)
+std::vector<shkv_buf> bufs_of(const strings &texts)
 {
-    std::vector<shkv_buf> key_bufs, val_bufs;
-    for (const std::string &key : keys)
-        key_bufs.push_back(buf_of(key));
-    for (const std::string &val : vals)
-        val_bufs.push_back(buf_of(val));
-    return shkv_m_add(handle, key_bufs.data(), vals.empty() ? nullptr : val_bufs.data(), (uint16_t)keys.size(), opflg);
-}
-
-supernode *sn_of(int handle)
-{
-    return shkv_db_heads[handle - 1].sn;
-}
-
-bool log_exists()
-{
-    struct stat st;
-    return stat(SHKV_DB_DIR "/b" SHKV_IODB_SUFFIX, &st) == 0;
-}
-
-// The newest event of the store's ring: its id, and its value.
-std::pair<uint32_t, uint32_t> event_of(int handle)
-{
-    last_event event(sn_of(handle));
-    return {event.code & 0xffffff, event.arg};
+    std::vector<shkv_buf> bufs(texts.size());
+    std::transform(texts.begin(), texts.end(), bufs.begin(), buf_of);
+    return bufs;
 }
 
 struct Batch : testing::TestWithParam<uint32_t> {
-    int db = make_store("b", GetParam(), 100);
-    ~Batch()
+    kv db = {make_store("b", GetParam(), 100)};
+
+    int batch(const strings &keys, const strings &vals, uint16_t opflg)
     {
-        shkv_destroy(db); // a log that was left goes with nobody
-        if (int log = open_store("b" SHKV_IODB_SUFFIX, SHKV_AM_WRITE))
-            shkv_destroy(log);
+        return shkv_m_add(db.handle, bufs_of(keys).data(), vals.empty() ? nullptr : bufs_of(vals).data(),
+                          (uint16_t)keys.size(), opflg);
     }
     void reopen()
     {
-        shkv_close(db);
-        db = open_store("b", SHKV_AM_WRITE);
-        ASSERT_NE(0, db);
+        shkv_close(db.handle);
+        db = open_kv("b", SHKV_AM_WRITE);
+    }
+    // The log is there, and the store says so.
+    void expect_log(uint32_t mark)
+    {
+        EXPECT_EQ(db.sn()->iodb_mark, mark);
+        EXPECT_EQ(all_objects().count(SHKV_DB_DIR "/b" SHKV_IODB_SUFFIX), mark != 0);
+    }
+    void expect_event(uint32_t code, int value)
+    {
+        last_event event(db.sn());
+        EXPECT_TRUE((event.code & 0xffffff) == code && event.arg == (uint32_t)value) << std::hex << event.code;
     }
 };
 INSTANTIATE_TEST_SUITE_P(, Batch, testing::Values(CONF_FIXEDMM, CONF_VECTORMM), [](const auto &info) {
@@ -69,10 +54,8 @@ TEST_P(Batch, failed_atomic_batches_are_undone_by_their_log)
         contents newer; // "-" deletes
         contents failed, reopened;
     } cases[] = {
-        {{{"old", "1"}, {"gone", "2"}}, {"new", "old", "bad"}, {"n", "o", too_long}, {},
-         {{"old", "1"}, {"gone", "2"}}, {{"old", "1"}, {"gone", "2"}}},
-        {{{"old", "1"}}, {"old", "new", "bad"}, {"o", "n", too_long}, {{"old", "2"}, {"new", "3"}},
-         {{"old", "1"}}, {{"old", "1"}}},
+        {{{"old", "1"}, {"kept", "2"}}, {"old", "new", "bad"}, {"o", "n", too_long}, {{"old", "2"}, {"new", "3"}},
+         {{"old", "1"}, {"kept", "2"}}, {{"old", "1"}, {"kept", "2"}}},
         // A key with an empty value looks in the log like one that was not there.
         {{{"empty", ""}}, {"empty", "bad"}, {"x", too_long}, {}, {}, {}},
         // A batch of deletes cannot have made a key, so its undo deletes none. The log refuses the last one.
@@ -81,66 +64,60 @@ TEST_P(Batch, failed_atomic_batches_are_undone_by_their_log)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.keys[0]);
-        for (const auto &[key, val] : iterate_all(db))
-            ASSERT_EQ(0, del(db, key));
+        for (const auto &[key, val] : db.all())
+            ASSERT_EQ(0, db.del(key));
         for (const auto &[key, val] : c.before)
-            ASSERT_EQ(0, put(db, key, val));
-        EXPECT_EQ(EINVAL, batch(db, c.keys, c.vals, c.vals.empty() ? 0x11 : 1));
-        EXPECT_TRUE(c.vals.empty() || event_of(db) == (std::pair{0xBDu, 22u}));
-        EXPECT_EQ(c.failed, iterate_all(db));
+            ASSERT_EQ(0, db.add(key, val));
+        EXPECT_EQ(EINVAL, batch(c.keys, c.vals, c.vals.empty() ? 0x11 : 1));
+        if (!c.vals.empty())
+            expect_event(0xBD, EINVAL);
+        EXPECT_EQ(c.failed, db.all());
         for (const auto &[key, val] : c.newer)
-            EXPECT_EQ(0, val == "-" ? del(db, key) : put(db, key, val));
-        shkv_close(db);
-        int reader = open_store("b", SHKV_AM_READ);
-        EXPECT_EQ(c.vals.empty() ? IODB_DELS : IODB_ADDS, sn_of(reader)->iodb_mark);
-        EXPECT_EQ(EINVAL, shkv_start_rollback(reader));
-        EXPECT_TRUE(log_exists());
-        shkv_close(reader);
+            EXPECT_EQ(0, val == "-" ? db.del(key) : db.add(key, val));
+        shkv_close(db.handle);
+        db = open_kv("b", SHKV_AM_READ);
+        EXPECT_EQ(EINVAL, shkv_start_rollback(db.handle));
+        expect_log(c.vals.empty() ? IODB_DELS : IODB_ADDS);
         reopen();
-        EXPECT_EQ(c.reopened, iterate_all(db));
-        EXPECT_TRUE(sn_of(db)->iodb_mark == 0 && !log_exists());
+        EXPECT_EQ(c.reopened, db.all());
+        expect_log(0);
         EXPECT_EQ("", faults_of("b"));
     }
-    EXPECT_EQ(EINVAL, batch(db, {"new", "bad"}, {"n", too_long}, 1));
-    ASSERT_EQ(0, put(db, "new", "newer")); // the next batch drops the log and does not replay it over this
-    ASSERT_EQ(0, batch(db, {"a", "absent"}, {}, 0x11));
-    EXPECT_EQ((contents{{"new", "newer"}}), iterate_all(db));
-    EXPECT_TRUE(sn_of(db)->iodb_mark == 0 && !log_exists());
-    EXPECT_EQ(EINVAL, batch(db, {"a", "b", "c"}, {"1", too_long, "3"}, 0)); // no log: what came before it stays
-    EXPECT_EQ(event_of(db), (std::pair{0xB9u, 22u}));
-    EXPECT_EQ((contents{{"a", "1"}, {"new", "newer"}}), iterate_all(db));
+    EXPECT_EQ(EINVAL, batch({"new", "bad"}, {"n", too_long}, 1));
+    ASSERT_EQ(0, db.add("new", "newer")); // the next batch drops the log and does not replay it over this
+    ASSERT_EQ(0, batch({"a", "absent"}, {}, 0x11));
+    EXPECT_EQ((contents{{"new", "newer"}}), db.all());
+    expect_log(0);
+    EXPECT_EQ(EINVAL, batch({"a", "b", "c"}, {"1", too_long, "3"}, 0)); // no log: what came before it stays
+    expect_event(0xB9, EINVAL);
+    EXPECT_EQ((contents{{"a", "1"}, {"new", "newer"}}), db.all());
 }
 
 TEST_P(Batch, mark_without_a_log_is_cleared_and_a_log_without_a_mark_is_in_the_way)
 {
-    sn_of(db)->iodb_mark = IODB_ADDS;
+    db.sn()->iodb_mark = IODB_ADDS;
     reopen();
-    EXPECT_EQ(0u, sn_of(db)->iodb_mark);
-    sn_of(db)->iodb_mark = IODB_DELS; // the batch meets it itself
-    EXPECT_EQ(0, batch(db, {"a"}, {"1"}, 1));
-    EXPECT_EQ(0u, sn_of(db)->iodb_mark);
-
-    int log = make_store("b" SHKV_IODB_SUFFIX, GetParam(), 32);
+    expect_log(0);
+    db.sn()->iodb_mark = IODB_DELS; // the batch meets it itself
+    EXPECT_EQ(0, batch({"a"}, {"1"}, 1));
+    expect_log(0);
+    make_store("b" SHKV_IODB_SUFFIX, GetParam(), 32);
     for (int i = 0; i < 2; i++) {
-        EXPECT_EQ(EEXIST, batch(db, {"a"}, {"2"}, 1));
-        EXPECT_EQ(event_of(db), (std::pair{0xBAu, (uint32_t)EEXIST}));
-        EXPECT_EQ(0u, sn_of(db)->iodb_mark);
+        EXPECT_EQ(EEXIST, batch({"a"}, {"2"}, 1));
+        expect_event(0xBA, EEXIST);
+        EXPECT_EQ(0u, db.sn()->iodb_mark);
     }
-    EXPECT_EQ((contents{{"a", "1"}}), iterate_all(db));
-    shkv_destroy(log);
+    EXPECT_EQ((contents{{"a", "1"}}), db.all());
 }
 
 TEST_P(Batch, unreadable_old_value_stops_it_before_any_change)
 {
-    ASSERT_EQ(0, put(db, "a", "1"));
-    ud_map *map = shkv_db_heads[db - 1].ud1_map;
-    for (uint32_t i = 2; i < 4; i++) // behind the two sentinels
-        ((udn *)((char *)map->map[0] + 256 + i * ((sbm *)map->map[0])->dn_sz))->cksum ^= 0xff;
-    EXPECT_EQ(EINVAL, batch(db, {"b", "a"}, {"2", "2"}, 1));
-    EXPECT_EQ(event_of(db), (std::pair{0xBBu, 22u}));
-    EXPECT_EQ(IODB_ADDS, sn_of(db)->iodb_mark);
-    std::string got;
-    EXPECT_EQ(ENOENT, get(db, "b", &got));
+    ASSERT_EQ(0, db.add("a", "1"));
+    db.first_of("a")->cksum ^= 0xff;
+    EXPECT_EQ(EINVAL, batch({"b", "a"}, {"2", "2"}, 1));
+    expect_event(0xBB, EINVAL);
+    expect_log(IODB_ADDS);
+    EXPECT_EQ("#2", db.at("b"));
 }
 
 // Of 32 log records 31 are replayed: the last one in the log's bucket order stays undone.
@@ -148,20 +125,19 @@ TEST_P(Batch, undo_stops_after_31_records)
 {
     strings keys, vals(31, "v");
     for (int i = 0; i < 31; i++)
-        keys.push_back("key" + std::to_string(i));
+        keys.push_back(key_no(i));
     keys.push_back("bad");
     vals.push_back(std::string(65001, 'x'));
-    EXPECT_EQ(EINVAL, batch(db, keys, vals, 1));
-    int log = open_store("b" SHKV_IODB_SUFFIX, SHKV_AM_WRITE);
-    std::string last;
-    char room[16], val_room[40];
+    EXPECT_EQ(EINVAL, batch(keys, vals, 1));
+    int log = open_kv("b" SHKV_IODB_SUFFIX, SHKV_AM_WRITE).handle;
+    char room[16];
+    shkv_buf key = {room, sizeof room};
     ASSERT_EQ(0, shkv_iterate(log, nullptr, nullptr, nullptr, 1));
-    for (int i = 0; i < 32; i++) {
-        shkv_buf key = {room, sizeof room}, val = {val_room, sizeof val_room};
-        ASSERT_EQ(0, shkv_iterate(log, &key, &val, nullptr, 0));
-        last.assign(room, key.len);
-    }
-    EXPECT_EQ(last == "bad" ? contents() : (contents{{last, "v"}}), iterate_all(db));
+    std::string last;
+    shkv_iter_pos pos;
+    for (int i = 0; i < 32; i++, last.assign(room, key.len), key.len = sizeof room)
+        ASSERT_EQ(0, shkv_iterate(log, &key, nullptr, &pos, 0));
+    EXPECT_EQ(last == "bad" ? contents() : (contents{{last, "v"}}), db.all());
 }
 
 } // namespace

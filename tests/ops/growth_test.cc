@@ -6,6 +6,7 @@
 #include "shkv_intf/refill.h"
 #include "shkv_intf/resize_md.h"
 #include "shkv_intf/resize_ud.h"
+#include "shkv_intf/sizing.h"
 #include "support/kv.h"
 
 namespace {
@@ -14,24 +15,6 @@ const shkv_params FIXED = {16, 32, 2000, CONF_FIXEDMM, 0};
 const shkv_params SMALL = {16, 32, 100, CONF_FIXEDMM, 0};
 const shkv_params SHMAP = {0, 0, 400, CONF_VECTORMM | CONF_SHMAP, 0};
 constexpr uint32_t MB = 1u << 20;
-
-std::string key_no(unsigned i)
-{
-    return "k" + std::to_string(i);
-}
-
-// Limits of the process, put back at the end of the scope.
-struct limits {
-    uint32_t max_db = shkv_max_db_sz, process = shkv_memory_limit_process;
-    uint64_t used = uuid_mem_used;
-
-    ~limits()
-    {
-        shkv_max_db_sz = max_db;
-        shkv_memory_limit_process = process;
-        uuid_mem_used = used;
-    }
-};
 
 // Makes a store's record space look as if it had grown to this size: sparse, and mapped whole.
 void pretend_size(const kv &store, uint32_t size)
@@ -43,12 +26,8 @@ void pretend_size(const kv &store, uint32_t size)
     ASSERT_NE(ud->map[0], MAP_FAILED);
     ud->mapped_sz = size;
     store.sn()->ud1.obj_sz = size;
-    if (!(store.sn()->conf_flg & CONF_SHMAP))
-        return;
-    store.head()->map0_sz = size;
-    bool big = size >= CHUNK_BIG;
-    store.head()->map0_chunk = (int32_t)(big ? size / CHUNK_BIG + 3 : size / CHUNK_SMALL);
-    store.head()->map0_gap = size % (big ? CHUNK_BIG : CHUNK_SMALL);
+    if (store.sn()->conf_flg & CONF_SHMAP)
+        set_map0(store.head(), size);
 }
 
 } // namespace
@@ -89,8 +68,8 @@ TEST(growth, sizes_follow_the_steps_and_the_limits)
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(std::to_string(one.from) + (one.shmap ? " shmap" : ""));
+        shkv_max_db_sz = shkv_memory_limit_process = G2;
         kv store = make_kv("sizes", one.shmap ? SHMAP : SMALL);
-        limits keep;
         pretend_size(store, one.from);
         store.sn()->uuid = one.uuid;
         shkv_max_db_sz = one.max_db;
@@ -100,7 +79,7 @@ TEST(growth, sizes_follow_the_steps_and_the_limits)
         const ud_desc before = store.sn()->ud1;
         void *base = ud->map[0];
         log_catcher log;
-        bool grew = one.line == nullptr;
+        bool grew = !one.line;
         EXPECT_EQ(shkv_resize_ud(store.head(), nullptr), grew ? 0 : ENOMEM);
         EXPECT_EQ(store.sn()->ud1.obj_sz, one.to);
         EXPECT_EQ(store.sn()->ud1.obj_ver, before.obj_ver + grew);
@@ -209,32 +188,24 @@ TEST(growth, a_slice_with_its_time_used_up_moves_one_bucket_with_records)
 // the new table, a slice of its rebuild. With room again everything works as before.
 TEST(growth, no_memory_behind_a_page_is_a_result_and_no_death)
 {
-    for (const char *size : {"180k", "260k", "300k", "400k"}) {
-        SCOPED_TRACE(size);
+    for (const char *size : {"180k", "260k", "300k", "400k"})
         on_fresh_machine(size, [&] {
             kv store = make_kv("tight", SMALL);
             store.sn()->rz_tm_chk = 1;
             contents want;
-            unsigned fails = 0;
-            for (unsigned i = 0; fails < 200; i++) {
-                int result = store.add(key_no(i), "v");
-                if (result == 0)
-                    want[key_no(i)] = "v";
-                else
-                    EXPECT_EQ(result, ENOMEM);
-                fails += result != 0;
-                ASSERT_EQ(store.at(key_no(i)), result ? "#2" : "v");
+            for (unsigned no = 0, fails = 0; fails < 200; no++) {
+                std::string key = key_no(no);
+                int result = store.add(key, "v");
+                ASSERT_TRUE(result == 0 || (result == ENOMEM && ++fails)) << result;
+                ASSERT_EQ(store.at(key), result ? "#2" : want[key] = "v");
             }
-            EXPECT_EQ(store.all(), want);
             EXPECT_EQ(store.del("k0"), 0);
             want.erase("k0");
+            EXPECT_EQ(store.all(), want);
             ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", MS_REMOUNT, "size=64m"), 0);
-            for (unsigned i = 0; i < 5000; i++) {
-                ASSERT_EQ(store.add("again" + std::to_string(i), "w"), 0);
-                want["again" + std::to_string(i)] = "w";
-            }
+            for (unsigned no = 0; no < 5000; no++)
+                ASSERT_EQ(store.add(key_no(no), want[key_no(no)] = "w"), 0);
             EXPECT_EQ(store.all(), want);
             EXPECT_EQ(faults_of("tight", false), ""); // nodes whose page was not there are abandoned
         });
-    }
 }

@@ -6,32 +6,17 @@
 namespace
 {
 
-const shkv_params FIXED = {16, 40, 100, CONF_FIXEDMM, 0};
-const shkv_params VECTOR = {0, 0, 400, CONF_VECTORMM, 0};
-
 int reset(const kv &store)
 {
     return shkv_iterate(store.handle, nullptr, nullptr, nullptr, 1);
 }
 
-// Keys whose records stand in that bucket.
-std::vector<std::string> keys_in(const kv &store, uint32_t bucket, size_t cnt = 1)
-{
-    std::vector<std::string> keys;
-    for (unsigned i = 0; keys.size() < cnt; i++) {
-        std::string key = std::to_string(i);
-        if (store.head()->md1.hash_fn(key.data(), (uint32_t)key.size()) % store.sn()->md1.hashsz == bucket)
-            keys.push_back(key);
-    }
-    return keys;
-}
-
 // The next key and value, or the result.
-std::string next(const kv &store, shkv_iter_pos *pos_p = nullptr)
+std::string next(const kv &store)
 {
     char key_room[64], val_room[64];
     shkv_buf key = {key_room, sizeof key_room}, val = {val_room, sizeof val_room};
-    int result = shkv_iterate(store.handle, &key, &val, pos_p, 0);
+    int result = shkv_iterate(store.handle, &key, &val, nullptr, 0);
     return result ? "#" + std::to_string(result)
                   : std::string(key_room, key.len) + "=" + std::string(val_room, val.len);
 }
@@ -40,14 +25,14 @@ std::string next(const kv &store, shkv_iter_pos *pos_p = nullptr)
 
 TEST(iterate, positions_tell_bucket_ordinal_and_offset_without_reading_a_payload)
 {
-    kv store = make_kv("it_pos", FIXED);
+    kv store = {make_store("it_pos", CONF_FIXEDMM, 100)};
     for (int i = 0; i < 100; i++)
         ASSERT_EQ(store.add(std::to_string(i), "value"), 0);
     std::set<uint32_t> offsets;
     shkv_iter_pos pos, last = {0, 0, UINT32_MAX, 0};
     EXPECT_EQ(reset(store), 0);
     while (shkv_iterate(store.handle, nullptr, nullptr, &pos, 0) == 0) {
-        udn *rec = (udn *)((char *)store.head()->ud1_map->map[0] + pos.off);
+        udn *rec = (udn *)(store.ud() + pos.off);
         rec->cksum ^= 1; // nothing looks at it
         EXPECT_EQ(pos.flags, (uint32_t)CF_MD1 | CF_UD1);
         EXPECT_EQ(store.head()->md1.hash_fn(rec + 1, rec->key_sz) % store.sn()->md1.hashsz, pos.bkt);
@@ -64,8 +49,8 @@ TEST(iterate, positions_tell_bucket_ordinal_and_offset_without_reading_a_payload
 
 TEST(iterate, without_a_reset_bucket_0_is_left_out)
 {
-    kv store = make_kv("it_zero", FIXED);
-    std::string zero = keys_in(store, 0)[0], one = keys_in(store, 1)[0];
+    kv store = {make_store("it_zero", CONF_FIXEDMM, 100)};
+    std::string zero = store.keys_in(0)[0], one = store.keys_in(1)[0];
     ASSERT_EQ(store.add(zero, "0") + store.add(one, "1"), 0);
     store.head()->iter_off = store.head()->iter_bkt = store.head()->iter_cnt = 0;
     EXPECT_EQ(next(store), one + "=1");
@@ -75,9 +60,9 @@ TEST(iterate, without_a_reset_bucket_0_is_left_out)
 
 TEST(iterate, what_cannot_be_given_stays_under_the_cursor)
 {
-    for (const shkv_params &params : {FIXED, VECTOR}) {
-        kv store = make_kv("it_stay", params);
-        std::string three = keys_in(store, 3)[0], nine = keys_in(store, 9)[0],
+    for (uint32_t conf_flg : {CONF_FIXEDMM, CONF_VECTORMM}) {
+        kv store = {make_store("it_stay", conf_flg, 400)};
+        std::string three = store.keys_in(3)[0], nine = store.keys_in(9)[0],
                     on = std::to_string(store.handle);
         ASSERT_EQ(store.add(three, "value") + store.add(nine, "value"), 0);
         char key_room[16], val_room[16];
@@ -91,7 +76,7 @@ TEST(iterate, what_cannot_be_given_stays_under_the_cursor)
         EXPECT_EQ(log.last(), "shkv_lookup,val buf too small, shkvh:" + on);
         EXPECT_EQ(std::string(key_room, key.len) + std::to_string(val.len), three + "5"); // the key is there
 
-        udn *rec = (udn *)((char *)store.head()->ud1_map->map[0] + store.head()->md1.base[3].first_ptr);
+        udn *rec = store.first_of(three);
         rec->cksum ^= 1;
         shkv_iter_pos pos;
         for (bool with_key : {false, true}) { // by the value's check and by the key's
@@ -110,36 +95,17 @@ TEST(iterate, what_cannot_be_given_stays_under_the_cursor)
 // A record taken out under the cursor still leads on to the rest of its chain.
 TEST(iterate, a_deleted_record_under_the_cursor_leads_on)
 {
-    kv store = make_kv("it_del", FIXED);
-    for (const std::string &key : keys_in(store, 5, 4))
+    kv store = {make_store("it_del", CONF_FIXEDMM, 100)};
+    for (const std::string &key : store.keys_in(5, 4))
         ASSERT_EQ(store.add(key, "v"), 0);
     EXPECT_EQ(reset(store), 0);
     int seen = 0;
     for (; next(store) != "#2"; seen++) {
-        udn *rec = (udn *)((char *)store.head()->ud1_map->map[0] + store.head()->iter_off);
+        udn *rec = (udn *)(store.ud() + store.head()->iter_off);
         if (store.head()->iter_off && seen % 2 == 0) {
             EXPECT_EQ(store.del(std::string((char *)(rec + 1), rec->key_sz)), 0);
         }
     }
     EXPECT_EQ(seen, 4);
     EXPECT_EQ(faults_of("it_del"), "");
-}
-
-// An object that was cut under its mapping: the fault comes back as a result.
-TEST(iterate, no_memory_behind_the_table_or_the_records_is_a_result)
-{
-    for (bool table : {false, true}) {
-        kv store = make_kv("it_cut", {16, 40, 4000, CONF_FIXEDMM, 0});
-        for (int i = 0; i < 4000; i++)
-            ASSERT_EQ(store.add(std::to_string(i), "value"), 0);
-        ASSERT_EQ(truncate(table ? "/dev/shm/shkvmu/it_cut_md1" : "/dev/shm/shkvmu/it_cut_ud1", 4096), 0);
-        EXPECT_EQ(reset(store), 0);
-        shkv_iter_pos pos;
-        int ret = 0, given = -1;
-        for (; ret == 0; given++)
-            ret = shkv_iterate(store.handle, nullptr, nullptr, &pos, 0);
-        EXPECT_EQ(ret, ENOMEM);
-        EXPECT_TRUE(!table || (given > 400 && store.head()->iter_bkt == 512)); // past a page of buckets
-        EXPECT_EQ(shkv_destroy(store.handle), 0);
-    }
 }

@@ -15,6 +15,22 @@ struct kv {
     int add(const std::string &key, const std::string &value) const { return put(handle, key, value); }
     int del(const std::string &key) const { return ::del(handle, key); }
     contents all() const { return iterate_all(handle); }
+    char *ud() const { return (char *)head()->ud1_map->map[0]; }
+    // By MD1: the word that a key's chain begins at, the record there, keys of one bucket.
+    uint32_t bucket_of(const std::string &key) const
+    {
+        return head()->md1.hash_fn(key.data(), (uint32_t)key.size()) % sn()->md1.hashsz;
+    }
+    uint32_t *chain_of(const std::string &key) const { return &head()->md1.base[bucket_of(key)].first_ptr; }
+    udn *first_of(const std::string &key) const { return (udn *)(ud() + *chain_of(key)); }
+    std::vector<std::string> keys_in(uint32_t bucket, size_t cnt = 1) const
+    {
+        std::vector<std::string> keys;
+        for (unsigned i = 0; keys.size() < cnt; i++)
+            if (bucket_of("key" + std::to_string(i)) == bucket)
+                keys.push_back("key" + std::to_string(i));
+        return keys;
+    }
     // The value, or "#" and the result.
     std::string at(const std::string &key) const
     {
@@ -23,6 +39,11 @@ struct kv {
         return result ? "#" + std::to_string(result) : value;
     }
 };
+
+inline std::string key_no(size_t i)
+{
+    return "k" + std::to_string(i);
+}
 
 inline kv make_kv(const char *name, shkv_params params, uint32_t uuid = 0)
 {

@@ -1,9 +1,11 @@
 // Short forms for tests that work on stores through the interface.
 #pragma once
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <sched.h>
+#include <set>
 #include <signal.h>
 #include <string>
 #include <string.h>
@@ -73,6 +75,16 @@ inline contents iterate_all(int handle)
     }
     EXPECT_EQ(ENOENT, result);
     return all;
+}
+
+// The paths of the objects of all stores.
+inline std::set<std::string> all_objects()
+{
+    std::set<std::string> paths;
+    for (const char *dir : {SHKV_DB_DIR, SHKV_MU_DIR})
+        for (const auto &entry : std::filesystem::directory_iterator(dir))
+            paths.insert(entry.path());
+    return paths;
 }
 
 // What the checker finds wrong with the bytes of a store; strict: lost units, too.
