@@ -1,8 +1,6 @@
 // The two record allocators on a space of their own: lists, counts, the mark, the wait, the reserve.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <random>
 #include <set>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -23,8 +21,8 @@ struct managers : testing::Test {
     ud_map maps = {};
     uint32_t vec_off = 0;
 
-    // A space of that many nodes, of which reserve lie beyond ud_full.
-    void make(uint32_t dn_sz, uint32_t nodes, uint32_t reserve = 0)
+    // A space of that many nodes, without a reserve.
+    void make(uint32_t dn_sz, uint32_t nodes)
     {
         mem.assign(32 + nodes * dn_sz / 8 + 1, 0);
         s = (sbm *)mem.data();
@@ -34,7 +32,7 @@ struct managers : testing::Test {
         head.sn = &sn;
         head.ud1_map = &maps;
         shkv_fixed_mm_init(s, 256 + nodes * dn_sz, dn_sz, 100);
-        s->ud_full = (int32_t)(s->ud_end - reserve * dn_sz);
+        s->ud_full = (int32_t)s->ud_end;
         shkv_max_db_sz = SHKV_DEF_LIMIT;
     }
     char *at(uint32_t off) { return (char *)ud_addr(&head, s, off, is_shared_map(&head)); }
@@ -42,6 +40,19 @@ struct managers : testing::Test {
     udn *get() { return (udn *)shkv_fixed_getnd(s, &head, 0, nullptr); }
     void put(void *node) { shkv_fixed_putnd(s, node, &head, 0); }
     udn *vec_get(uint32_t size) { return (udn *)shkv_vector_getnd(s, &head, size, &vec_off); }
+    // So many nodes at once.
+    std::vector<udn *> take(int cnt)
+    {
+        std::vector<udn *> nodes(cnt);
+        for (udn *&node : nodes)
+            node = get();
+        return nodes;
+    }
+    void put(const std::vector<udn *> &nodes, int from, int to)
+    {
+        for (int i = from; i < to; i++)
+            put(nodes[i]);
+    }
     void vec_put(udn *node) { shkv_vector_putnd(s, node, &head, off_of(node)); }
     // The wait has only begun, or is over.
     void mark_age(uint32_t ms)
@@ -92,18 +103,14 @@ struct managers : testing::Test {
 TEST_F(managers, the_ninth_free_takes_the_first_mark_and_the_tenth_each_later_one)
 {
     make(40, 200);
-    std::vector<udn *> live;
-    for (int i = 0; i < 60; i++)
-        live.push_back(get());
-    for (int i = 0; i < 8; i++)
-        put(live[i]);
+    std::vector<udn *> live = take(60);
+    put(live, 0, 8);
     expect_counts(0, 9, 0, 9);
     put(live[8]);
     expect_counts(0, 0, 10, 0);
     EXPECT_TRUE(s->hold_mark == s->hold_tail && s->mark_tsc && s->mark_tsc == (uint32_t)s->mark_tsc);
     mark_age(0);
-    for (int i = 9; i < 9 + 16; i++)
-        put(live[i]); // puts 12: too early, the next look at 17
+    put(live, 9, 9 + 16); // puts 12: too early, the next look at 17
     expect_counts(0, 16, 10, 16);
     EXPECT_EQ(s->chk_cnt, 17);
     mark_age(100);
@@ -127,8 +134,7 @@ TEST_F(managers, exhaustion_cuts_the_wait_short_but_only_for_marked_nodes)
         live.push_back(node);
     EXPECT_EQ(live.size(), 29u); // not the one that ends at ud_end
     EXPECT_EQ(s->dn_tail + s->dn_sz, s->ud_end);
-    for (int i = 0; i < 8; i++)
-        put(live[i]);
+    put(live, 0, 8);
     EXPECT_EQ(get(), nullptr); // no mark yet
     put(live[8]);
     mark_age(0);
@@ -142,14 +148,10 @@ TEST_F(managers, exhaustion_cuts_the_wait_short_but_only_for_marked_nodes)
 TEST_F(managers, every_24th_allocation_looks_at_the_clock_while_30_are_marked)
 {
     make(40, 300);
-    std::vector<udn *> live;
-    for (int i = 0; i < 200; i++)
-        live.push_back(get());
-    for (int i = 0; i < 9; i++)
-        put(live[i]);
+    std::vector<udn *> live = take(200);
+    put(live, 0, 9);
     mark_age(0);
-    for (int i = 9; i < 50; i++)
-        put(live[i]);
+    put(live, 9, 50);
     s->chk_cnt = 1000;
     sbm_release_hold(s, nullptr, 0); // marks the 41
     EXPECT_EQ(s->mark_cnt, 41u);
@@ -167,9 +169,7 @@ TEST_F(managers, every_24th_allocation_looks_at_the_clock_while_30_are_marked)
 TEST_F(managers, reclaimed_slots_are_free_from_the_next_call_on)
 {
     make(40, 100);
-    std::vector<udn *> live;
-    for (int i = 0; i < 10; i++)
-        live.push_back(get());
+    std::vector<udn *> live = take(10);
     EXPECT_EQ(shkv_fixed_gc(1, &sn, s, 2), 22);
     sn.gc_flg = 0x11, s->sbm_flg = 3;
     EXPECT_EQ(shkv_fixed_gc(1, &sn, s, 2), 0);
@@ -235,11 +235,8 @@ TEST_F(managers, a_release_that_was_cut_is_finished_by_the_next_one)
     for (int made = 0; made <= 7; made++)
         for (int then_get = 0; then_get < 2; then_get++) {
             make(40, 100);
-            std::vector<udn *> live;
-            for (int i = 0; i < 20; i++)
-                live.push_back(get());
-            for (int i = 0; i < 12; i++)
-                put(live[i]); // ten marked, three behind
+            std::vector<udn *> live = take(20);
+            put(live, 0, 12); // ten marked, three behind
             const uint32_t mark = s->hold_mark, cnt = s->mark_cnt;
             uint32_t *const words[] = {(uint32_t *)at(s->free_tail), &s->hold_head, &s->free_tail,
                                        (uint32_t *)at(mark), &s->mark_cnt, &s->free_cnt, &s->hold_mark};
@@ -252,33 +249,6 @@ TEST_F(managers, a_release_that_was_cut_is_finished_by_the_next_one)
             check_lists(made < 5); // from mark_cnt on the count may be lost
             EXPECT_EQ(list(s->free_head, s->free_tail).size() + (then_get && made > 2), 11u);
         }
-}
-
-TEST_F(managers, lists_hold_over_any_order_of_calls)
-{
-    for (uint32_t dn_sz : {40u, 128u}) {
-        std::mt19937 random(dn_sz);
-        make(dn_sz, 300, 20);
-        std::map<uint32_t, udn *> live;
-        for (int i = 0; i < 20000; i++) {
-            if (s->mark_tsc)
-                mark_age(random() % 4 ? 0 : 100);
-            if (!live.empty() && random() % 100 < (i / 500 % 2 ? 60u : 35u)) {
-                auto it = std::next(live.begin(), random() % live.size());
-                dn_sz == 40 ? put(it->second) : vec_put(it->second);
-                live.erase(it);
-            } else if (udn *node = dn_sz == 40 ? get() : vec_get(random() % 500)) {
-                ASSERT_TRUE(live.emplace(off_of(node), node).second);
-                memset((char *)node + 28, 0xee, dn_sz - 28);
-            }
-            if (i % 50 == 0)
-                check_lists();
-        }
-        size_t used = list(s->free_head, s->free_tail).size() + list(s->hold_head, s->hold_tail).size();
-        for (const auto &[off, node] : live)
-            used += dn_sz == 40 ? 1 : node->unit_cnt;
-        EXPECT_EQ(used, (s->dn_tail - 256) / dn_sz); // nothing was lost
-    }
 }
 
 TEST_F(managers, a_corrupted_header_ends_the_process)
