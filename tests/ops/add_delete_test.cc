@@ -1,3 +1,4 @@
+#include <fstream>
 #include <random>
 #include <unistd.h>
 
@@ -11,15 +12,13 @@ const shkv_params LOCKED_CHUNKS = {16, 32, 100, CONF_VECTORMM | CONF_SHMAP | CON
 // Protection of the page at base, as the system sees it.
 std::string protection_of(const void *base)
 {
-    FILE *maps = fopen("/proc/self/maps", "r");
-    char line[512], perms[8] = "";
+    std::ifstream maps("/proc/self/maps");
     unsigned long from, to;
-    while (fgets(line, sizeof line, maps))
-        if (sscanf(line, "%lx-%lx %4s", &from, &to, perms) == 3 && from <= (unsigned long)base &&
-            (unsigned long)base < to)
-            break;
-    fclose(maps);
-    return perms;
+    std::string perms, rest;
+    while (maps >> std::hex >> from && maps.ignore() >> to >> perms && std::getline(maps, rest))
+        if (from <= (unsigned long)base && (unsigned long)base < to)
+            return perms;
+    return "none";
 }
 
 } // namespace

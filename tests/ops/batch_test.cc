@@ -131,12 +131,14 @@ TEST_P(Batch, undo_stops_after_31_records)
     EXPECT_EQ(EINVAL, batch(keys, vals, 1));
     int log = open_kv("b" SHKV_IODB_SUFFIX, SHKV_AM_WRITE).handle;
     char room[16];
-    shkv_buf key = {room, sizeof room};
-    ASSERT_EQ(0, shkv_iterate(log, nullptr, nullptr, nullptr, 1));
     std::string last;
     shkv_iter_pos pos;
-    for (int i = 0; i < 32; i++, last.assign(room, key.len), key.len = sizeof room)
+    ASSERT_EQ(0, shkv_iterate(log, nullptr, nullptr, nullptr, 1));
+    for (int i = 0; i < 32; i++) {
+        shkv_buf key = {room, sizeof room};
         ASSERT_EQ(0, shkv_iterate(log, &key, nullptr, &pos, 0));
+        last.assign(room, key.len);
+    }
     EXPECT_EQ(last == "bad" ? contents() : (contents{{last, "v"}}), db.all());
 }
 

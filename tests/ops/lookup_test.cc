@@ -119,17 +119,19 @@ TEST(lookup, damaged_flags_and_a_damaged_ring_lead_nowhere)
     const struct {
         uint32_t conf_flg, damaged_flg;
         bool ring;
-    } cases[] = {{CONF_VECTORMM, CONF_VECTORMM | CONF_SHMAP, false}, // an offset was looked up in chunks
-                 {CONF_VECTORMM | CONF_SHMAP, CONF_VECTORMM, false},
-                 {CONF_FIXEDMM, CONF_FIXEDMM, true}}; // an event was written behind the ring
+    } cases[] = {{CONF_FIXEDMM, CONF_FIXEDMM, true}, // an event was written far behind the ring; nothing lies there yet
+                 {CONF_VECTORMM, CONF_VECTORMM | CONF_SHMAP, false}, // an offset was looked up in chunks
+                 {CONF_VECTORMM | CONF_SHMAP, CONF_VECTORMM, false}};
     for (const auto &one : cases) {
         kv store = {make_store("words", one.conf_flg, 30)}, reader = open_kv("words", SHKV_AM_READ | SHKV_AM_ITER);
         for (int i = 0; i < 20; i++)
             ASSERT_EQ(store.add(key_no(i), std::string(39, 'v')), 0);
         store.sn()->conf_flg = (uint16_t)one.damaged_flg;
         trace_ring *ring_p = (trace_ring *)shkv_get_trbuf(store.sn());
-        if (one.ring)
-            ring_p->count = 0xffff, ring_p->index = 0xfff0;
+        if (one.ring) {
+            ring_p->count = 0xffff;
+            ring_p->index = 0xfff0;
+        }
         for (int i = 0; i < 20; i++) {
             std::string key = key_no(i);
             char room[4];

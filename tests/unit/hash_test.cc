@@ -32,48 +32,39 @@ TEST(hash, results_are_those_that_stores_were_made_with)
         EXPECT_EQ(shkv_hash_matrix[fn](SHKV_HASH_TEST, SHKV_HASH_TEST_LEN), want[fn].of_test_string) << fn;
 }
 
-// A vector record at 256, 512 and 384 of a space, in this order, with one known byte at each end.
-struct vector_record : testing::Test {
+// A vector record at 256, 512 and 384 of a space, in this order, with one known byte at each end of its units,
+// at the end of its stream (byte 36 of 384 for 256 bytes), and behind it.
+TEST(hash, checksum_of_a_vector_record_takes_the_ends_of_each_unit_and_never_leaves_the_mapping)
+{
+    const struct {
+        uint32_t next; // of the first unit
+        uint16_t val_sz, unit_cnt;
+        uint32_t limit;
+        int want; // -1: refused
+    } cases[] = {
+        {512, 240, 3, 1024, 63},
+        {512, 84 + 124 + 124 - 1, 3, 0, 31}, // up to the last byte but one of the third unit
+        {512, 84 + 124 + 124, 3, 0, 31 ^ 64}, // exactly to its end
+        {512, 84, 1, 0, 3}, // a stream of 128 takes offset 127
+        {512, 84, 0, 0, 0},
+        {512, 240, 3, 512 + 128, 63},
+        {512, 240, 3, 512 + 127, -1},
+        {1024, 240, 3, 1024, -1},
+        {1000, 240, 3, 1024, -1},
+        {0xffffff80, 240, 3, 1024, -1},
+        {641, 240, 3, 1024, -1},
+        {512, 240, 9, 1024, -1}, // more units than lie in it
+    };
     alignas(128) byte space[1024] = {};
+    space[256 + 28] = 1, space[256 + 127] = 2, space[512 + 4] = 4, space[512 + 127] = 8;
+    space[384 + 4] = 16, space[384 + 35] = 32, space[384 + 127] = 64, space[256 + 127 - 1] = 128;
     udn *rec = (udn *)(space + 256);
-
-    void SetUp() override
-    {
-        rec->unit_next = 512;
-        ((udn *)(space + 512))->unit_next = 384;
-        rec->key_sz = 16, rec->val_sz = 240, rec->unit_cnt = 3; // the stream ends at byte 36 of 384
-        space[256 + 28] = 1, space[256 + 127] = 2, space[512 + 4] = 4, space[512 + 127] = 8;
-        space[384 + 4] = 16, space[384 + 35] = 32, space[384 + 127] = 64, space[256 + 127 - 1] = 128;
+    ((udn *)(space + 512))->unit_next = 384;
+    rec->key_sz = 16;
+    for (const auto &each : cases) {
+        rec->unit_next = each.next, rec->val_sz = each.val_sz, rec->unit_cnt = each.unit_cnt;
+        uint8_t sum = 0;
+        bool taken = shkv_udn_checksum(space, nullptr, rec, each.limit, &sum, false);
+        EXPECT_EQ(taken ? sum : -1, each.want) << &each - cases;
     }
-
-    int sum(uint32_t limit) // -1: refused
-    {
-        uint8_t out = 0;
-        return shkv_udn_checksum(space, nullptr, rec, limit, &out, false) ? out : -1;
-    }
-};
-
-TEST_F(vector_record, checksum_takes_the_ends_of_each_unit)
-{
-    EXPECT_EQ(sum(sizeof space), 63);
-    rec->val_sz = 84 + 124 + 124 - 1; // up to the last byte but one of the third unit
-    EXPECT_EQ(sum(0), 31);
-    rec->val_sz++; // exactly to its end
-    EXPECT_EQ(sum(0), 31 ^ 64);
-    rec->unit_cnt = 1, rec->val_sz = 84; // a stream of 128 takes offset 127
-    EXPECT_EQ(sum(0), 3);
-    rec->unit_cnt = 0;
-    EXPECT_EQ(sum(0), 0);
-}
-
-TEST_F(vector_record, checksum_of_a_reader_never_leaves_the_mapping)
-{
-    EXPECT_EQ(sum(512 + 128), 63);
-    EXPECT_EQ(sum(512 + 127), -1);
-    for (uint32_t next : {1024u, 1000u, 0xffffff80u, 641u}) {
-        rec->unit_next = next;
-        EXPECT_EQ(sum(sizeof space), -1) << next;
-    }
-    rec->unit_next = 512, rec->unit_cnt = 9; // more than lie in it
-    EXPECT_EQ(sum(sizeof space), -1);
 }
