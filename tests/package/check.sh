@@ -48,31 +48,35 @@ mkdir "$work/elsewhere"
 for deb in "$work"/*.deb; do
     dpkg -x "$deb" "$work/elsewhere"
 done
-"$here/../support/shm_box.sh" "$here/consume.sh" "$work/elsewhere" "$work/use1"
+mkdir "$work/use"
+cp "$here"/consumer/* "$source"/examples/{first_store.c,cpp_layer.cc} "$work/use"
+cp -r "$work/use" "$work/use_elsewhere"
+"$here/../support/shm_box.sh" "$work/use_elsewhere/consume.sh" "$work/elsewhere"
 
 # A root that is this system as it was, with a layer above that takes all changes and goes away with it.
 step "installed into a clean root"
 if [ "$(id -u)" = 0 ]; then
     mkdir "$work/layer" "$work/root"
     unshare -m bash -euc '
-        work=$1 here=$2
+        work=$1
         mount -t tmpfs tmpfs "$work/layer"
         mkdir "$work/layer/up" "$work/layer/tmp"
         mount -t overlay overlay -o "lowerdir=/,upperdir=$work/layer/up,workdir=$work/layer/tmp" "$work/root" || exit 77
         mkdir -p "$work/root/debs"
-        cp -r "$work"/*.deb "$here/consumer" "$here/consume.sh" "$work/root/debs"
+        cp "$work"/*.deb "$work/root/debs"
+        cp -r "$work/use" "$work/root/use"
         mount -t proc proc "$work/root/proc"
         mount --bind /dev "$work/root/dev"
         mount -t tmpfs -o mode=1777 tmpfs "$work/root/dev/shm"
         rm -f "$work/root"/usr/local/lib/*/libovo_shkv* "$work/root"/usr/local/include/shkv*
         inside() { env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin chroot "$work/root" "$@"; }
         inside sh -c "dpkg -i /debs/*.deb" > "$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; exit 1; }
-        inside /debs/consume.sh "" /use
+        inside /use/consume.sh ""
         names=$(for deb in "$work"/*.deb; do dpkg-deb -f "$deb" Package; done)
         inside dpkg --purge $names > "$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; exit 1; }
         left=$(cd "$work/root" && find usr -name "*shkv*" | head) # the purge takes all of it along
         [ -z "$left" ] || { echo "left behind: $left"; exit 1; }
-    ' bash "$work" "$here" && status=0 || status=$?
+    ' bash "$work" && status=0 || status=$?
     [ "$status" = 0 ] || [ "$status" = 77 ] || exit "$status"
     [ "$status" = 0 ] || echo "no overlay file system here: only unpacked"
 else
