@@ -1,7 +1,6 @@
 // A store byte by byte, from the files under /dev/shm, by code that knows none of the library's
 // records: every offset below is a literal.
 #include <fstream>
-#include <gtest/gtest.h>
 #include <iterator>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -10,32 +9,36 @@
 
 namespace {
 
-struct bytes {
-    std::string all;
+std::string bytes_of(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    EXPECT_TRUE(in.good()) << path;
+    return {std::istreambuf_iterator<char>(in), {}};
+}
 
-    explicit bytes(const std::string &path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        EXPECT_TRUE(in.good()) << path;
-        all.assign(std::istreambuf_iterator<char>(in), {});
-    }
-    template <typename T> T at(size_t off) const
-    {
-        T val = 0;
-        EXPECT_LE(off + sizeof val, all.size());
-        if (off + sizeof val <= all.size())
-            memcpy(&val, &all[off], sizeof val);
-        return val;
-    }
-    uint32_t u32(size_t off) const { return at<uint32_t>(off); }
-    uint32_t u16(size_t off) const { return at<uint16_t>(off); }
-    uint32_t u8(size_t off) const { return at<uint8_t>(off); }
-    // Whether [from, to) holds nothing but zero.
-    bool zero(size_t from, size_t to) const
-    {
-        return to <= all.size() && all.find_first_not_of('\0', from) >= to;
-    }
+uint64_t number_at(const std::string &bytes, size_t off, size_t size)
+{
+    uint64_t val = 0;
+    bytes.copy((char *)&val, size, off);
+    return val;
+}
+
+struct field {
+    size_t off, size;
+    uint64_t val; // the first byte is the lowest
 };
+
+// These fields, and zero in all other bytes but those of the gaps.
+void expect_bytes(std::string bytes, const std::vector<field> &fields, const std::vector<std::pair<size_t, size_t>> &gaps)
+{
+    for (const auto &[off, size, val] : fields) {
+        EXPECT_EQ(val, number_at(bytes, off, size)) << std::hex << off;
+        bytes.replace(off, size, size, '\0');
+    }
+    for (const auto &[from, to] : gaps)
+        bytes.replace(from, to - from, to - from, '\0');
+    EXPECT_EQ(std::string::npos, bytes.find_first_not_of('\0'));
+}
 
 uint32_t users_hash(const void *, uint32_t len)
 {
@@ -85,68 +88,45 @@ void check_modes()
 
 void check_supernode(const variant &v, uint32_t tid)
 {
-    bytes sn("/dev/shm/shkvdb/a_b");
-    const struct { size_t off; uint32_t val; } words[] = {
-        {0x000, 0xa5c2e71d}, {0x004, 0},
-        {0x008 + 16, 0x90}, // the mutex's kind: robust, and the C library's own mark for that
-        {0x030, 1}, {0x050, 5}, {0x054, tid}, {0x074, v.sn_flg}, {0x078, 0}, {0x07c, 0}, {0x080, 77},
-        {0x08c, 2000}, {0x090, 0xabcd}, {0x094, v.auto_rz}, {0x264, 0},
-        {0x268, v.user_hash}, {0x26c, 1759}, {0x270, v.desc_hashfn}, {0x274, 1759 * 8}, {0x278, 1},
-        {0x2a4, 143360}, {0x2a8, 1}, {0x2c8, 0x5a3d18e2}, {0x2cc, 0},
-        {4096, 0xf00dbabe}, {4096 + 4, 0x00101001}, {4096 + 8, 251}, {4096 + 12, 0}};
-    for (const auto &word : words)
-        EXPECT_EQ(word.val, sn.u32(word.off)) << std::hex << word.off;
-    const struct { size_t off; uint32_t val; } halves[] = {
-        {0x084, v.conf_flg}, {0x086, 16}, {0x088, 32}, {0x08a, 0}, {0x098, 300}, {0x262, 0}};
-    for (const auto &half : halves)
-        EXPECT_EQ(half.val, sn.u16(half.off)) << std::hex << half.off;
-    EXPECT_EQ("a_b", sn.all.substr(0x09a, 3));
-    EXPECT_EQ('a' ^ '_' ^ 'b', (int)sn.u8(0x185));
-    EXPECT_EQ("a/b", sn.all.substr(0x186, 3));
-    const struct { size_t from, to; } gaps[] = {{0x058, 0x074}, {0x09d, 0x185}, {0x189, 0x262}, {0x27c, 0x2a4},
-                                                {0x2ac, 0x2c8}, {0x2d0, 4096}};
-    for (const auto &gap : gaps)
-        EXPECT_TRUE(sn.zero(gap.from, gap.to)) << std::hex << gap.from;
+    expect_bytes(bytes_of("/dev/shm/shkvdb/a_b"),
+        {{0x000, 4, 0xa5c2e71d}, {0x008 + 16, 4, 0x90}, // the mutex's kind: robust, and the C library's own mark for that
+         {0x030, 4, 1}, {0x050, 4, 5}, {0x054, 4, tid}, {0x074, 4, v.sn_flg}, {0x080, 4, 77},
+         {0x084, 2, v.conf_flg}, {0x086, 2, 16}, {0x088, 2, 32}, {0x08c, 4, 2000}, {0x090, 4, 0xabcd},
+         {0x094, 4, v.auto_rz}, {0x098, 2, 300}, {0x09a, 3, 'a' | '_' << 8 | 'b' << 16}, {0x185, 1, 'a' ^ '_' ^ 'b'},
+         {0x186, 3, 'a' | '/' << 8 | 'b' << 16}, {0x268, 4, v.user_hash}, {0x26c, 4, 1759}, {0x270, 4, v.desc_hashfn},
+         {0x274, 4, 1759 * 8}, {0x278, 4, 1}, {0x2a4, 4, 143360}, {0x2a8, 4, 1}, {0x2c8, 4, 0x5a3d18e2},
+         {4096, 4, 0xf00dbabe}, {4096 + 4, 4, 0x00101001}, {4096 + 8, 4, 251}},
+        {{0x008, 0x050}, {4096 + 16, 4096 + 720}}); // mutex and semaphore; the ring's events
 }
 
 void check_space(const variant &v)
 {
-    bytes ud("/dev/shm/shkvmu/a_b_ud1"), md("/dev/shm/shkvmu/a_b_md1");
-    EXPECT_EQ(0xffffffffu, ud.u32(0) ^ ud.u32(204));
-    EXPECT_NE(0u, ud.u32(0));
-    EXPECT_EQ(256u, ud.u32(4));
-    EXPECT_EQ(v.dn_sz, ud.u32(32));
-    EXPECT_EQ(256 + (143360 - 256) / v.dn_sz * v.dn_sz, ud.u32(36));
-    EXPECT_TRUE(ud.zero(208, 256));
-    EXPECT_TRUE(md.zero(0, md.all.size()));
+    std::string ud = bytes_of("/dev/shm/shkvmu/a_b_ud1");
+    uint64_t magic = number_at(ud, 0, 4);
+    EXPECT_NE(0u, magic);
+    expect_bytes(ud.substr(0, 256),
+                 {{0, 4, magic}, {4, 4, 256}, {32, 4, v.dn_sz}, {36, 4, 256 + (143360 - 256) / v.dn_sz * v.dn_sz},
+                  {204, 4, magic ^ 0xffffffff}}, {{8, 204}});
+    expect_bytes(bytes_of("/dev/shm/shkvmu/a_b_md1"), {}, {});
 }
 
 // A record of key "k" and value "value", in the one bucket that is not empty.
 void check_record(const variant &v)
 {
-    bytes ud("/dev/shm/shkvmu/a_b_ud1"), md("/dev/shm/shkvmu/a_b_md1");
-    size_t bucket = md.all.find_first_not_of('\0') / 8;
+    std::string ud = bytes_of("/dev/shm/shkvmu/a_b_ud1"), md = bytes_of("/dev/shm/shkvmu/a_b_md1");
+    size_t bucket = md.find_first_not_of('\0') / 8;
     if (v.desc_hashfn == 7) {
         EXPECT_EQ(32u ^ 'k', bucket);
     }
-    uint32_t off = md.u32(bucket * 8);
-    EXPECT_TRUE(md.zero(bucket * 8 + 4, md.all.size()));
+    size_t off = number_at(md, bucket * 8, 4);
+    expect_bytes(md, {{bucket * 8, 4, off}}, {});
     ASSERT_GE(off, 256u);
     EXPECT_EQ(0u, (off - 256) % v.dn_sz);
-    EXPECT_TRUE(ud.zero(off, off + 12)); // no further unit, no further record
-    EXPECT_EQ(1u, ud.u16(off + 12));
-    EXPECT_EQ(5u, ud.u16(off + 14));
-    EXPECT_EQ(0u, ud.u8(off + 18));
-    if (v.dn_sz == 68) {
-        EXPECT_EQ("kvalue", ud.all.substr(off + 20, 6));
-        EXPECT_EQ((uint32_t)('k' ^ 'v' ^ 'a' ^ 'l' ^ 'u' ^ 'e'), ud.u8(off + 19));
-        return;
-    }
-    EXPECT_EQ(1u, ud.u16(off + 16));
-    EXPECT_EQ(off, ud.u32(off + 20));
-    EXPECT_EQ(off + 29, ud.u32(off + 24));
-    EXPECT_EQ("kvalue", ud.all.substr(off + 28, 6));
-    EXPECT_EQ((uint32_t)('k' ^ 'e'), ud.u8(off + 19));
+    const uint64_t kvalue = 0x65756c61766b; // neither a further unit nor a further record
+    std::vector<field> fixed = {{12, 2, 1}, {14, 2, 5}, {19, 1, 'k' ^ 'v' ^ 'a' ^ 'l' ^ 'u' ^ 'e'}, {20, 6, kvalue}};
+    std::vector<field> vector = {{12, 2, 1}, {14, 2, 5}, {16, 2, 1}, {19, 1, 'k' ^ 'e'}, {20, 4, off}, {24, 4, off + 29},
+                                 {28, 6, kvalue}};
+    expect_bytes(ud.substr(off, v.dn_sz), v.dn_sz == 68 ? fixed : vector, {});
 }
 
 TEST_P(Layout, a_new_store_lies_in_six_objects_that_anyone_may_open)
@@ -166,7 +146,7 @@ TEST_P(Layout, a_new_store_lies_in_six_objects_that_anyone_may_open)
         EXPECT_EQ(0, put(handle, "k", "value"));
         check_record(v);
         EXPECT_EQ(0, shkv_close(handle));
-        EXPECT_EQ(0u, bytes("/dev/shm/shkvdb/a_b").u32(0x054));
+        EXPECT_EQ(0u, number_at(bytes_of("/dev/shm/shkvdb/a_b"), 0x054, 4));
     });
 }
 
