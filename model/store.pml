@@ -21,16 +21,11 @@
  *   NO_MOVE_CHECK   readers do not look whether the tables have moved
  *   FLIP_EARLY      the flag moves to the new table before the refill is over
  *   ONE_WALK        a miss counts after a single walk
- *   UNLINK_CLEARS   a delete clears the link of the record that it takes out
- * and PATIENT: the hold list never ends early. */
-#ifndef NODES
+ *   UNLINK_CLEARS   a delete clears the link of the record that it takes out */
 #define NODES 4
-#endif
+#define TRIES 3
 #ifndef OPS
 #define OPS 3
-#endif
-#ifndef TRIES
-#define TRIES 3
 #endif
 #ifndef WALKS
 #define WALKS 3
@@ -74,12 +69,10 @@ inline take_node() {
     :: !used[2] && !held[2] -> w_node = 2
     :: !used[3] && !held[3] -> w_node = 3
     :: !used[4] && !held[4] -> w_node = 4
-#ifndef PATIENT
     :: held[1] -> w_node = 1
     :: held[2] -> w_node = 2
     :: held[3] -> w_node = 3
     :: held[4] -> w_node = 4
-#endif
     fi;
     d_step { held[w_node] = false; used[w_node] = true }
     NEXT(0, w_node) = NIL; /* clear_node of the manager */
