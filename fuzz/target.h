@@ -1,14 +1,9 @@
 // What the fuzz targets share: the bytes of an input, a place of their own, and the way to fail.
 #pragma once
 #include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <string>
-#include <unistd.h>
 
-#include "check/store_check.h"
-#include "shkv.h"
-#include "support/main.h"
+#include "support/plain.h"
 
 // The bytes of an input, read from the front; zeros behind its end.
 struct input {
@@ -31,26 +26,18 @@ struct input {
         }                                                                                       \
     } while (0)
 
-inline shkv_buf buf_of(const std::string &text)
-{
-    return {const_cast<char *>(text.data()), (uint32_t)text.size()};
-}
-
 // A mount namespace of our own with an empty /dev/shm, in which a damaged size that asks for gigabytes
 // gets none; standard output closed ("key not found" of every delete that misses).
 inline void enter_private_place()
 {
-    MUST(private_shm() && remount_shm("256m"), "cannot make a mount namespace with a /dev/shm of its own");
-    MUST(freopen("/dev/null", "w", stdout), "cannot close standard output");
+    MUST(private_shm() && remount_shm("256m"), "no place");
+    be_quiet();
 }
 
 // Faults that the checker finds in the bytes of a store, one a line; empty when all is right.
 inline std::string image_faults(const char *dbname, bool strict)
 {
-    store_image image;
-    MUST(load_store(dbname, &image), "no such store");
-    std::string text;
-    for (const std::string &fault : check_image(image, strict).faults)
-        text += fault + "\n";
-    return text;
+    std::string faults = faults_of(dbname, strict);
+    MUST(faults != NO_STORE, faults);
+    return faults;
 }

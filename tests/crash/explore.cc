@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "crash/hooks.h"
-#include "support/main.h"
 #include "support/scenario.h"
 
 extern "C" int __wrap_usleep(unsigned)
@@ -19,8 +18,8 @@ extern "C" int __wrap_usleep(unsigned)
 
 struct explorer {
     const scenario &scene;
-    uint64_t *states_p, *failed_p;
-    prepared state;
+    const prepared &state;
+    tally *tally_p;
 
     // what in a process that is killed at its store number at; true when it lived so long.
     template <typename F> bool killed(uint64_t at, F what)
@@ -36,16 +35,14 @@ struct explorer {
     }
     void judge(uint64_t at, uint64_t at2)
     {
-        ++*states_p;
-        std::string why = judge_state(scene, state, false);
+        ++tally_p->runs;
+        std::string why = judge_state(scene, state);
         if (!why.empty())
             failed(at, at2, why);
     }
     void failed(uint64_t at, uint64_t at2, const std::string &why)
     {
-        if (++*failed_p <= 20)
-            printf("FAILED %s (%s) killed at store %lu, then at %lu: %s\n", scene.name, KIND_NAMES[scene.kind],
-                   (unsigned long)at, (unsigned long)at2, why.c_str());
+        tally_p->fail(scene, "killed at store " + std::to_string(at) + ", then at " + std::to_string(at2), why);
     }
     // with_recovery: after each kill the next writer is killed at each store of its open, too. What a release
     // has left is not settled there, but by the next one: that writer goes on with the same deletes.
@@ -83,27 +80,23 @@ static std::vector<scenario> pairs()
     return list;
 }
 
+static bool has_recovery(const scenario &scene)
+{
+    op_kind kind = scene.act[0].kind;
+    return kind == COMMIT || kind == BATCH_ADD || kind == BATCH_DEL || scene.fill || scene.name == std::string("release");
+}
+
 int main(int argc, char **argv)
 {
-    std::string mode = argc > 1 ? argv[1] : "short", only = argc > 2 ? argv[2] : "";
+    std::string mode = argc > 1 ? argv[1] : "short";
     if (!private_shm())
-        return fprintf(stderr, "cannot make a mount namespace with a /dev/shm of its own\n"), 1;
-    uint64_t states = 0, failed = 0;
-    for (const scenario &scene : mode == "pairs" ? pairs() : scenarios()) {
-        bool recovery_scene = scene.act[0].kind == COMMIT || scene.act[0].kind == BATCH_ADD ||
-                              scene.act[0].kind == BATCH_DEL || scene.fill || scene.name == std::string("release");
-        if ((!only.empty() && only != scene.name) || (mode == "short" && !scene.in_short) ||
-            (mode == "recovery" && !recovery_scene))
-            continue;
-        uint64_t before = states;
-        explorer run{scene, &states, &failed, {}};
-        if (!prepare(scene, &run.state)) {
-            run.failed(0, 0, "cannot be set up");
-            continue;
-        }
-        run.explore(mode == "recovery");
-        printf("%-26s %-7s %8lu states\n", scene.name, KIND_NAMES[scene.kind], (unsigned long)(states - before));
-    }
-    printf("%lu states explored, %lu failed\n", (unsigned long)states, (unsigned long)failed);
-    return failed != 0 || states == 0;
+        return 1;
+    std::vector<scenario> list = mode == "pairs" ? pairs() : scenarios();
+    std::erase_if(list, [&](const scenario &scene) {
+        return (mode == "short" && !scene.in_short) || (mode == "recovery" && !has_recovery(scene));
+    });
+    auto run = [&](const scenario &scene, const prepared &state, tally *tally_p) {
+        explorer{scene, state, tally_p}.explore(mode == "recovery");
+    };
+    return run_scenarios(list, argc > 2 ? argv[2] : "", {"states", "explored"}, run);
 }

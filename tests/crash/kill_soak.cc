@@ -7,18 +7,14 @@
 // old or new, and that all else is as it was.
 //
 //     kill_soak KILLS [SEED]
-#include <errno.h>
-#include <signal.h>
+#include <fcntl.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
 
-#include "check/store_check.h"
-#include "support/main.h"
-#include "support/scenario.h"
+#include "support/plain.h"
 
 namespace
 {
@@ -45,14 +41,6 @@ timer_t death;        // of the writer, by SIGKILL
 uint32_t death_us;    // after its next change of an object's size; 0: no such death
 enum way { OPENING, WORKING, FLIPPED, RESIZING } way_to_die;
 
-uint32_t get(const uint32_t &word)
-{
-    return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
-}
-void set(uint32_t &word, uint32_t val)
-{
-    __atomic_store_n(&word, val, __ATOMIC_RELEASE);
-}
 void count(counter which)
 {
     __atomic_fetch_add(&book->counts[which], 1, __ATOMIC_RELAXED);
@@ -96,24 +84,19 @@ std::string value_of(uint32_t gen, uint32_t key, uint32_t seq)
 }
 
 // The number of a value that was found, 0 for none; false: it is no value of that key.
-bool number_of(uint32_t gen, uint32_t key, int result, const shkv_buf &val, uint32_t *seq_p)
+bool number_of(uint32_t gen, uint32_t key, int result, const std::string &value, uint32_t *seq_p)
 {
     *seq_p = 0;
     if (result == ENOENT)
         return true;
-    if (result != 0 || val.len < 4)
-        return false;
-    memcpy(seq_p, val.ptr, 4);
-    return value_of(gen, key, *seq_p) == std::string((const char *)val.ptr, val.len);
+    value.copy((char *)seq_p, 4);
+    return result == 0 && value.size() >= 4 && value == value_of(gen, key, *seq_p);
 }
 
 bool look(int handle, uint32_t key, uint32_t *seq_p)
 {
-    char room[400];
-    std::string name = key_of(key);
-    shkv_buf key_buf = buf_of(name), val = {room, sizeof room};
-    int result = shkv_lookup(handle, &key_buf, &val);
-    return number_of(book->gen, key, result, val, seq_p) || wrong("a writer reads", key, result);
+    answers got = look_up(handle, {key_of(key)});
+    return number_of(book->gen, key, got.results[0], got.values[0], seq_p) || wrong("a writer reads", key, got.results[0]);
 }
 
 // ---- The writers --------------------------------------------------------------------------------
@@ -132,21 +115,17 @@ bool settle(int handle)
     }
     if (news != intent.cnt && olds != intent.cnt)
         return wrong("a part of what goes together, of", intent.cnt, (int)news);
-    set(intent.cnt, 0);
+    store(&intent.cnt, 0);
     size_t present = 0;
     for (uint32_t key = 0; key < KEYS; present += seq != 0, ++key)
         if (!look(handle, key, &seq) || seq != book->state[key])
             return wrong("another value than was stored", key, (int)seq);
     contents all;
-    if (!read_all(handle, &all) || all.size() != present)
+    if (read_all(handle, &all) != (int)present || all.size() != present)
         return wrong("iterate gives another count", (uint32_t)present, (int)all.size());
-    store_image image;
-    load_store(name_of(book->gen), &image);
-    check_report report = check_image(image, false);
-    for (const std::string &fault : report.faults)
-        wrong(fault.c_str(), 0, 0);
     count(CHECKS);
-    return report.faults.empty();
+    std::string faults = faults_of(name_of(book->gen), false);
+    return faults.empty() || wrong(faults.c_str(), 0, 0);
 }
 
 int open_or_create()
@@ -158,14 +137,14 @@ int open_or_create()
     if (!handle) { // killed in its creation or its destruction
         memset(book->state, 0, sizeof book->state);
         book->intent.cnt = book->high = 0;
-        set(book->gen, book->gen + 1);
+        store(&book->gen, book->gen + 1);
         shkv_params params = {16, 32, is_vector(book->gen) ? 200u : 100u,
                               is_vector(book->gen) ? CONF_VECTORMM : CONF_FIXEDMM, 0};
         if (!(handle = shkv_create(name_of(book->gen).c_str(), 0, &params, 0, &err)))
             return wrong("a store cannot be made", 0, (int)err);
         count(STORES);
     }
-    set(book->destroying, 0);
+    store(&book->destroying, 0);
     shkv_opts opts = {0, 1, (uint16_t)(rnd(3) * 20)}; // a rebuild at once, or in slices
     shkv_db_set_opts(handle, 1, &opts);
     return handle;
@@ -176,13 +155,13 @@ void intend(uint32_t key, bool present)
     auto &intent = book->intent;
     uint32_t at = intent.cnt;
     if (at == 0) { // a step begins
-        set(book->space_ver, sn->ud1.obj_ver);
-        set(book->flg, sn->comm_flg);
+        store(&book->space_ver, sn->ud1.obj_ver);
+        store(&book->flg, sn->comm_flg);
     }
     intent.key[at] = key;
     intent.was[at] = book->state[key];
     intent.will[at] = present ? ++book->seq : 0;
-    set(intent.cnt, at + 1);
+    store(&intent.cnt, at + 1);
 }
 
 void settled()
@@ -190,7 +169,7 @@ void settled()
     auto &intent = book->intent;
     for (uint32_t i = 0; i < intent.cnt; ++i)
         book->state[intent.key[i]] = intent.will[i];
-    set(intent.cnt, 0);
+    store(&intent.cnt, 0);
 }
 
 // Keys of one step, all different: to add, or such as can be deleted.
@@ -239,7 +218,7 @@ bool batch(int handle, bool adds)
     if (result == EEXIST) { // a predecessor died while it made its log, ahead of the mark
         for (int obj_t : {OBJ_SN, OBJ_MD1, OBJ_MD2, OBJ_UD1, OBJ_UD2, OBJ_MD_TXN})
             unlink(object_path(name_of(book->gen) + "_iodb", obj_t).c_str());
-        set(book->intent.cnt, 0);
+        store(&book->intent.cnt, 0);
         count(LOGS);
         return true;
     }
@@ -259,7 +238,7 @@ bool transaction(int handle)
         return wrong("staging", 0, result);
     if (rnd(4) == 0) {
         result = shkv_txn_abort(handle);
-        set(book->intent.cnt, 0);
+        store(&book->intent.cnt, 0);
     } else {
         result = shkv_txn_commit(handle, nullptr);
         settled();
@@ -275,7 +254,7 @@ bool step(int handle)
     case 0 ... 5:
         for (uint32_t left = CHANGES; good && left && book->high < KEYS; --left)
             if ((good = single(handle, book->high, true)))
-                set(book->high, book->high + 1);
+                store(&book->high, book->high + 1);
         return good;
     case 6:
         for (uint32_t key : choose(3, true))
@@ -304,7 +283,7 @@ bool writer_life(uint64_t seed)
     while (book->high < KEYS)
         if (!step(handle))
             return false;
-    set(book->destroying, 1);
+    store(&book->destroying, 1);
     int result = shkv_destroy(handle);
     return result == 0 || wrong("destroy", 0, result);
 }
@@ -313,26 +292,18 @@ bool writer_life(uint64_t seed)
 
 void read_some(int handle, uint32_t gen)
 {
-    uint32_t high = get(book->high), seq, cnt = 1 + rnd(8), numbers[8];
-    std::string names[8];
-    shkv_buf keys[8], vals[8];
-    static char room[8][400];
-    int results[8];
+    uint32_t high = load(&book->high), seq, cnt = 1 + rnd(8), numbers[8];
+    std::vector<std::string> names;
     for (uint32_t i = 0; i < cnt; ++i) {
         numbers[i] = rnd(high ? high : KEYS);
-        names[i] = key_of(numbers[i]);
-        keys[i] = buf_of(names[i]);
-        vals[i] = {room[i], sizeof room[i]};
+        names.push_back(key_of(numbers[i]));
     }
-    if (cnt == 1)
-        results[0] = shkv_lookup(handle, &keys[0], &vals[0]);
-    else
-        shkv_m_lookup(handle, keys, vals, results, (uint16_t)cnt);
+    answers got = look_up(handle, names, cnt > 1);
     for (uint32_t i = 0; i < cnt; ++i) {
-        bool good = number_of(gen, numbers[i], results[i], vals[i], &seq) &&
+        bool good = number_of(gen, numbers[i], got.results[i], got.values[i], &seq) &&
                     (seq != 0 || !is_sure(numbers[i]) || numbers[i] >= high);
-        if (!good && get(book->gen) == gen && !get(book->destroying))
-            wrong("a reader reads", numbers[i], results[i]);
+        if (!good && load(&book->gen) == gen && !load(&book->destroying))
+            wrong("a reader reads", numbers[i], got.results[i]);
         count(LOOKUPS);
     }
 }
@@ -340,12 +311,12 @@ void read_some(int handle, uint32_t gen)
 int read_on(uint64_t seed)
 {
     rng_state = seed;
-    while (!get(book->stop)) {
-        uint32_t gen = get(book->gen), err = 0;
+    while (!load(&book->stop)) {
+        uint32_t gen = load(&book->gen), err = 0;
         int handle = shkv_open(name_of(gen).c_str(), 0, 0, SHKV_AM_READ, &err);
         if (!handle)
             usleep(500);
-        while (handle && !get(book->stop) && get(book->gen) == gen && !get(book->destroying))
+        while (handle && !load(&book->stop) && load(&book->gen) == gen && !load(&book->destroying))
             read_some(handle, gen);
         if (handle)
             shkv_close(handle);
@@ -387,7 +358,7 @@ bool kill_one(uint64_t seed)
     way_to_die = (way)std::min(rnd(8), (uint32_t)RESIZING);
     uint64_t checks = __atomic_load_n(&book->counts[CHECKS], __ATOMIC_ACQUIRE);
     book->flg = 0;
-    pid_t writer = start_child([=] { return writer_life(seed); });
+    pid_t writer = start_process([=] { return be_quiet(), writer_life(seed); });
     while (way_to_die != OPENING && still_runs(writer) && __atomic_load_n(&book->counts[CHECKS], __ATOMIC_ACQUIRE) == checks)
         usleep(200);
     for (int i = 0; way_to_die >= FLIPPED && i < 100 && still_runs(writer); ++i)
@@ -414,16 +385,16 @@ int main(int argc, char **argv)
     uint32_t wanted = argc > 1 ? (uint32_t)atoi(argv[1]) : 100, kills = 0;
     uint64_t seed = argc > 2 ? strtoull(argv[2], nullptr, 10) : 1;
     if (!private_shm())
-        return fprintf(stderr, "cannot make a mount namespace with a /dev/shm of its own\n"), 1;
+        return 1;
     setenv("SYSMGR_MMAP_LIMIT", "1073741824", 1);
-    book = (ledger *)mmap(nullptr, sizeof *book, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    book = shared_memory<ledger>();
     time_t begin = time(nullptr);
     rng_state = seed;
-    const pid_t readers[] = {start_child([=] { return read_on(seed + 1); }), start_child([=] { return read_on(seed + 2); })};
-    while (kills < wanted && !get(book->bad))
+    const pid_t readers[] = {start_process([=] { return read_on(seed + 1); }), start_process([=] { return read_on(seed + 2); })};
+    while (kills < wanted && !load(&book->bad))
         if (kill_one(seed + 3 + rng_state))
             note_change(), ++kills;
-    set(book->stop, 1);
+    store(&book->stop, 1);
     for (pid_t reader : readers)
         if (int end = end_of(reader))
             wrong("a reader ended with", (uint32_t)reader, end);

@@ -7,18 +7,12 @@
 //     fault_inject short|long [SCENARIO [CALL]]
 #include <algorithm>
 #include <dirent.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <semaphore.h>
 #include <set>
-#include <signal.h>
 #include <stdarg.h>
-#include <stdio.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include "support/main.h"
 #include "support/scenario.h"
 
 namespace {
@@ -100,10 +94,6 @@ extern "C" int __wrap_usleep(unsigned)
 
 namespace {
 
-struct tally {
-    uint64_t runs = 0, failed = 0;
-};
-
 struct outcome {
     int injected;
     bool done; // every step returned 0
@@ -152,10 +142,11 @@ long names_of(const snapshot &snap)
 std::vector<contents> told_by_results(const scenario &scene, const prepared &state, const outcome &out)
 {
     std::vector<model> models = {state.base};
-    auto either = [&](const op &what, int round) {
+    auto step = [&](const op &what, int round, bool sure) {
         for (size_t i = 0, cnt = models.size(); i < cnt; ++i) {
-            models.push_back(models[i]);
-            models.back().apply(what, round);
+            if (!sure)
+                models.push_back(models[i]);
+            models[i].apply(what, round);
         }
     };
     int round = state.base_round;
@@ -166,18 +157,14 @@ std::vector<contents> told_by_results(const scenario &scene, const prepared &sta
         if (what.kind == ADD || what.kind == DEL) {
             op first = {what.kind, what.first, what.first + done - 1, what.val_sz};
             op next = {what.kind, first.last + 1, first.last + 1, what.val_sz};
-            for (model &each : models)
-                each.apply(first, round);
+            step(first, round, true);
             if (result)
-                either(next, round);
-        } else if (result == 0) {
-            for (model &each : models)
-                each.apply(what, round);
+                step(next, round, false);
         } else {
-            either(what, round);
+            step(what, round, result == 0);
         }
     }
-    either({ADD, 20, 20}, round + 1); // of run_faulty
+    step({ADD, 20, 20}, round + 1, false); // of run_faulty
     std::vector<contents> allowed;
     for (const model &each : models)
         allowed.push_back(each.now);
@@ -199,7 +186,7 @@ std::string complaint(const scenario &scene, const prepared &state, int end, con
         return "a failed create leaves a name";
     prepared told = state;
     told.allowed = told_by_results(scene, state, out);
-    return judge_state(scene, told, false);
+    return judge_state(scene, told);
 }
 
 // One run of what, which meets a fault. True when it met one.
@@ -213,8 +200,8 @@ bool try_one(const scenario &scene, const prepared &state, tally *tally_p, outco
         return false;
     ++tally_p->runs;
     std::string why = complaint(scene, state, end, *out_p);
-    if (!why.empty() && ++tally_p->failed <= 40)
-        printf("FAILED %s (%s): %s: %s\n", scene.name, KIND_NAMES[scene.kind], fault.c_str(), why.c_str());
+    if (!why.empty())
+        tally_p->fail(scene, fault, why);
     return true;
 }
 
@@ -256,31 +243,20 @@ void starve(const scenario &scene, const prepared &state, tally *tally_p, outcom
 
 int main(int argc, char **argv)
 {
-    std::string mode = argc > 1 ? argv[1] : "short", only = argc > 2 ? argv[2] : "", call = argc > 3 ? argv[3] : "";
-    if (!private_shm())
-        return fprintf(stderr, "cannot make a mount namespace with a /dev/shm of its own\n"), 1;
-    remount_shm("6m");
-    tally total;
-    outcome *out_p = (outcome *)mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    for (const scenario &scene : scenarios()) {
-        prepared state;
-        if ((!only.empty() && only != scene.name) || (mode == "short" && !scene.in_short))
-            continue;
-        if (!prepare(scene, &state)) {
-            printf("FAILED %s: cannot be set up\n", scene.name);
-            ++total.failed;
-            continue;
-        }
-        uint64_t runs = total.runs;
+    std::string mode = argc > 1 ? argv[1] : "short", call = argc > 3 ? argv[3] : "";
+    if (!private_shm() || !remount_shm("6m"))
+        return 1;
+    outcome *out_p = shared_memory<outcome>();
+    std::vector<scenario> list = scenarios();
+    std::erase_if(list, [&](const scenario &scene) { return mode == "short" && !scene.in_short; });
+    auto run = [&](const scenario &scene, const prepared &state, tally *tally_p) {
         for (int no = 0; no < CALLS; ++no) {
             target = (call_no)no;
             if (call.empty() || call == CALL_NAMES[no])
-                inject(scene, state, &total, out_p);
+                inject(scene, state, tally_p, out_p);
         }
         if (call.empty() || call == "memory")
-            starve(scene, state, &total, out_p);
-        printf("%-26s %-7s %8lu faults\n", scene.name, KIND_NAMES[scene.kind], (unsigned long)(total.runs - runs));
-    }
-    printf("%lu faults injected, %lu failed\n", (unsigned long)total.runs, (unsigned long)total.failed);
-    return total.failed != 0 || total.runs == 0;
+            starve(scene, state, tally_p, out_p);
+    };
+    return run_scenarios(list, argc > 2 ? argv[2] : "", {"faults", "injected"}, run);
 }

@@ -4,10 +4,6 @@
 # RENEW=1 writes the table anew instead.
 set -euo pipefail
 program=$1 table=$2 compiler="# built by $3"
-if ! command -v valgrind > /dev/null; then
-    echo "skipped: valgrind is not installed, and only it counts instructions"
-    exit 77
-fi
 if [ "${RENEW:-}" != 1 ] && ! grep -qxF "$compiler" "$table"; then
     echo "skipped: the table was $(grep '^# built by' "$table" | cut -c3-), this is another compiler: $3"
     exit 77
@@ -17,19 +13,16 @@ trap 'rm -rf "$dir"' EXIT
 # The plainest memcpy and friends, so that the counts do not depend on the processor.
 export GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2_Usable,-AVX2,-AVX512F_Usable,-AVX512F,-ERMS,-FSRM
 status=0
-# The order of the two options matters: the other way round nothing is dumped.
-valgrind --tool=callgrind --callgrind-out-file="$dir/out" '--dump-after=perf_*' '--zero-before=perf_*' \
-    "$program" > "$dir/log" 2>&1 || status=$?
+valgrind --tool=callgrind --callgrind-out-file="$dir/out" "$program" > "$dir/log" 2>&1 || status=$?
 if [ "$status" != 0 ]; then
     cat "$dir/log"
     exit "$status"
 fi
-# One dump for each function left: its name, and the instructions of 1,000 operations.
+# One dump for each operation: its name, and the instructions of 1,000 of them.
 for dump in $(ls "$dir"/out.* | sort -t. -k3n); do
-    awk '/^desc: Trigger: --dump-after=/ {sub(/.*=perf_/, ""); name = $1} /^(summary|totals):/ {n = $2}
+    awk '/^desc: Trigger: Client Request: / {name = $NF} /^(summary|totals):/ {n = $2}
          END {if (name) printf "%s %d\n", name, n / 1000}' "$dump"
-done | awk '{n[$1] = $2; if (!seen[$1]++) order[++cnt] = $1} END {for (i = 1; i <= cnt; i++) print order[i], n[order[i]]}' \
-    > "$dir/counts"
+done > "$dir/counts"
 [ -s "$dir/counts" ] || { echo "no counts"; cat "$dir/log"; exit 1; }
 if [ "${RENEW:-}" = 1 ]; then
     { grep '^#' "$table" | grep -v '^# built by'; echo "$compiler"; awk '{printf "%-20s %6d\n", $1, $2}' "$dir/counts"; } > "$dir/table"

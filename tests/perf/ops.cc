@@ -1,17 +1,17 @@
-// A thousand of each operation, each in a function of its own. instructions.sh runs them under the instruction
-// counter, which zeroes its counts on the way into a perf_ function and writes them down on the way
-// out; nothing here depends on time, addresses or chance, so the counts are the same in every run.
-// quiet.sh runs "ops quiet" under strace: these operations and more of them, between two calls that stand
-// out in the trace, make no system call, and the program sees that nobody allocates.
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+// A thousand of each operation. instructions.sh runs them under the instruction counter, which is told to zero
+// its counts ahead of each and to write them down behind it; nothing here depends on time, addresses or
+// chance, so the counts are the same in every run.
+// "ops quiet" runs these operations and more of them, each in a process that may make no system call but its
+// exit and that counts allocations; an operation that does both must end otherwise, or it proved nothing.
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <stddef.h>
 #include <sys/syscall.h>
-#include <unistd.h>
+#include <valgrind/callgrind.h>
 
 #include "shkv.h"
 #include "shkv.hpp"
-#include "support/main.h"
+#include "support/plain.h"
 
 static constexpr uint32_t kCnt = 1000;
 static char keys[2 * kCnt][16];
@@ -91,13 +91,7 @@ static void lites(int handle)
     }
 }
 
-#define PERF(name, work)                                                             \
-    extern "C" __attribute__((noinline, visibility("default"))) void perf_##name()   \
-    {                                                                                \
-        work;                                                                        \
-    }
-PERF(lookup_hit, lookups(fixed, 0, 0))
-// The same by the C++ layer: the same work, so the same count but for the loop.
+// By the C++ layer: the same work as lookup_hit, so the same count but for the loop.
 static void cpp_lookups()
 {
     static char out[2048];
@@ -106,32 +100,22 @@ static void cpp_lookups()
         wrong += !db.get({keys[i], 16}, out);
     db.release();
 }
-PERF(cpp_lookup_hit, cpp_lookups())
-PERF(lookup_miss, lookups(fixed, kCnt, 2))
-PERF(lookup_lite, lites(fixed))
-PERF(m_lookup_16, groups(fixed))
-PERF(iterate, iterations(fixed))
-PERF(add_replace, adds(fixed, 0, 32))
-PERF(add_insert, adds(fixed, kCnt, 32))
-PERF(delete, deletes(fixed, kCnt))
-PERF(vector_lookup_500, lookups(vector, 0, 0))
-PERF(vector_replace_500, adds(vector, 0, 500))
 
 static const struct {
     const char *name;
     void (*run)();
 } ops[] = {
-    {"lookup_hit", perf_lookup_hit},
-    {"cpp_lookup_hit", perf_cpp_lookup_hit},
-    {"lookup_miss", perf_lookup_miss},
-    {"lookup_lite", perf_lookup_lite},
-    {"m_lookup_16", perf_m_lookup_16},
-    {"iterate", perf_iterate},
-    {"add_replace", perf_add_replace},
-    {"add_insert", perf_add_insert},
-    {"delete", perf_delete},
-    {"vector_lookup_500", perf_vector_lookup_500},
-    {"vector_replace_500", perf_vector_replace_500},
+    {"lookup_hit", [] { lookups(fixed, 0, 0); }},
+    {"cpp_lookup_hit", cpp_lookups},
+    {"lookup_miss", [] { lookups(fixed, kCnt, 2); }},
+    {"lookup_lite", [] { lites(fixed); }},
+    {"m_lookup_16", [] { groups(fixed); }},
+    {"iterate", [] { iterations(fixed); }},
+    {"add_replace", [] { adds(fixed, 0, 32); }},
+    {"add_insert", [] { adds(fixed, kCnt, 32); }},
+    {"delete", [] { deletes(fixed, kCnt); }},
+    {"vector_lookup_500", [] { lookups(vector, 0, 0); }},
+    {"vector_replace_500", [] { adds(vector, 0, 500); }},
     // These are not counted.
     {"reader_lookup", [] { lookups(fixed_reader, 0, 0); }},
     {"reader_miss", [] { lookups(fixed_reader, kCnt, 2); }},
@@ -165,23 +149,28 @@ static int open_reader(const char *name)
     return shkv_open(name, UUID_BIG_A, 0, SHKV_AM_READ | SHKV_AM_ITER, &err);
 }
 
-// What makes system calls and allocates, or the trace shows nothing.
-static void loud()
+// From here on any system call but an exit ends the process by SIGSYS.
+static bool forbid_calls()
 {
-    wrong += open_reader("perf_fixed") == 0;
+    sock_filter filter[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 0, 1),
+                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS)};
+    sock_fprog program = {4, filter};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-static void run_quietly(const char *name, void (*run)(), bool quiet)
+// How a process ends that does no more than run: 0 when it was quiet, 1 when it allocated.
+static int end_alone(void (*run)())
 {
-    char mark[64];
-    snprintf(mark, sizeof mark, "MARK %s", name);
-    syscall(SYS_chdir, mark); // fails, and is seen
-    const uint32_t before = allocs;
-    run();
-    const uint32_t after = allocs;
-    syscall(SYS_chdir, "MARK end");
-    if (quiet != (after == before))
-        wrong++, fprintf(stderr, "%s: %u allocations\n", name, after - before);
+    return end_of(start_process([=] {
+        if (!forbid_calls())
+            return 77;
+        const uint32_t before = allocs;
+        run();
+        syscall(SYS_exit_group, wrong ? 2 : allocs != before);
+        return 0;
+    }));
 }
 
 int main(int argc, char **)
@@ -201,19 +190,26 @@ int main(int argc, char **)
         return 1;
     adds(fixed, 0, 32);
     adds(vector, 0, 500);
-    perf_lookup_hit(); // once to bind symbols and touch pages; the last count of a name holds
+    ops[0].run(); // binds symbols and touches pages
     if (argc == 1)
-        for (int i = 0; i < kMeasured; i++)
+        for (int i = 0; i < kMeasured; i++) {
+            CALLGRIND_ZERO_STATS;
             ops[i].run();
+            CALLGRIND_DUMP_STATS_AT(ops[i].name);
+        }
     else {
         txn = create("perf_txn", 6 * kCnt, CONF_FIXEDMM);
         adds(txn, 0, 32);
         wrong += shkv_txn_start(txn, nullptr) != 0;
         fixed_reader = open_reader("perf_fixed");
         vector_reader = open_reader("perf_vector");
+        if (end_alone([] {}) == 77)
+            return 77;
         for (const auto &op : ops)
-            run_quietly(op.name, op.run, true);
-        run_quietly("loud", loud, false);
+            if (int end = end_alone(op.run))
+                wrong++, fprintf(stderr, "%s: ends with %d\n", op.name, end);
+        wrong += end_alone([] { open_reader("perf_fixed"); }) != -SIGSYS;
+        wrong += end_alone([] { free(malloc(1)); }) != 1;
     }
     if (wrong)
         fprintf(stderr, "%u operations went wrong\n", wrong);

@@ -1,5 +1,7 @@
 #include "procs/crowd.h"
 
+#include <thread>
+
 static std::string name_of(char kind, uint32_t no)
 {
     return kind + std::to_string(no);
@@ -27,53 +29,102 @@ bool crowd::value_good(uint32_t key, int result, const std::string &found, uint3
     return false;
 }
 
+// By the key; lite: as what the pointer into the store leads to.
+static std::string look(const kv &by, const std::string &key, bool lite)
+{
+    shkv_buf key_buf = buf_of(key), found = {};
+    if (!lite)
+        return by.at(key);
+    int result = shkv_lookup_lite(by.handle, &key_buf, &found);
+    return result ? "#" + std::to_string(result) : std::string((const char *)found.ptr, found.len);
+}
+
 // Eight keys, by turns one by one and as a group; and of the added ones the newest, whose growth is the
 // youngest, or any.
-int crowd::read_on(uint32_t no) const
+int crowd::look_on(const kv &by, uint32_t *lookups_p, uint32_t seed, bool lite) const
 {
-    kv reader = open_kv(plan.name, SHKV_AM_READ);
-    static char rooms[8][65000];
-    for (uint32_t state = no + 77, round = no; !load(&shared->stop); round++) {
-        std::string names[8];
-        shkv_buf keys[8], vals[8];
+    for (uint32_t state = seed + 77, round = seed; !load(&shared->stop); round++) {
+        std::vector<std::string> names;
         uint32_t numbers[8], from[8];
-        int results[8];
         for (int i = 0; i < 8; i++) {
             numbers[i] = next_random(&state) % plan.keys;
-            names[i] = name_of('k', numbers[i]);
-            keys[i] = buf_of(names[i]);
-            vals[i] = {rooms[i], sizeof rooms[i]};
+            names.push_back(name_of('k', numbers[i]));
             from[i] = load(&shared->versions[numbers[i]][1]);
-            if (round % 2)
-                results[i] = shkv_lookup(reader.handle, &keys[i], &vals[i]);
         }
-        if (round % 2 == 0)
-            shkv_m_lookup(reader.handle, keys, vals, results, 8);
+        answers got = look_up(by.handle, names, round % 2 == 0);
         for (int i = 0; i < 8; i++)
-            if (!value_good(numbers[i], results[i], std::string(rooms[i], results[i] ? 0 : vals[i].len), from[i]))
+            if (!value_good(numbers[i], got.results[i], got.values[i], from[i]))
                 return 1;
         if (uint32_t cnt = load(&shared->growing)) {
-            std::string key = name_of('g', round % 4 ? next_random(&state) % cnt : cnt - 1), found = reader.at(key);
+            std::string key = name_of('g', round % 4 ? next_random(&state) % cnt : cnt - 1), found = look(by, key, lite);
             if (found != key)
                 return fprintf(stderr, "%s: %s gives %s\n", plan.name, key.c_str(), found.c_str()), 1;
         }
-        store(&shared->lookups[no], round * 8);
+        __atomic_fetch_add(lookups_p, 8, __ATOMIC_SEQ_CST);
     }
     return 0;
 }
 
-// Replaces, adds and deletes, and looks at its own work.
-int crowd::write_on() const
+// One thread does work. Beside it others look, as the plan says.
+template <typename F> int crowd::beside_threads(const kv &by, uint32_t *lookups_p, F work) const
 {
-    kv to = open_kv(plan.name, SHKV_AM_WRITE);
+    int result = 0;
+    std::vector<std::thread> threads;
+    kv own = plan.threads ? open_kv(plan.name, SHKV_AM_READ | SHKV_AM_ITER) : kv{};
+    auto start = [&](auto what) {
+        if (plan.threads)
+            threads.emplace_back([&result, what] { __atomic_fetch_or(&result, what(), __ATOMIC_SEQ_CST); });
+    };
+    const kv &shared_one = plan.threads == BY_THE_SAME ? by : own;
+    start([&] { return look_on(shared_one, lookups_p, 2, plan.params.conf_flg & CONF_FIXEDMM); });
+    start([&] { return look_on(own, lookups_p, 3, false); });
+    start([&] {
+        for (contents all; !load(&shared->stop); all.clear())
+            read_all(own.handle, &all);
+        return 0;
+    });
+    __atomic_fetch_or(&result, work(), __ATOMIC_SEQ_CST);
+    for (std::thread &thread : threads)
+        thread.join();
+    return result;
+}
+
+int crowd::read(uint32_t no) const
+{
+    kv reader = open_kv(plan.name, SHKV_AM_READ);
+    uint32_t *lookups_p = &shared->lookups[no];
+    return beside_threads(reader, lookups_p, [&] { return look_on(reader, lookups_p, no, false); });
+}
+
+int crowd::write() const
+{
+    kv writer = open_kv(plan.name, SHKV_AM_WRITE);
+    uint32_t uncounted = 0;
+    return beside_threads(writer, &uncounted, [&] { return write_on(writer); });
+}
+
+static int add(const kv &to, const std::string &key, const std::string &value, bool batch)
+{
+    shkv_buf key_buf = buf_of(key), val = buf_of(value);
+    return batch ? shkv_m_add(to.handle, &key_buf, &val, 1, 1) : shkv_add(to.handle, &key_buf, &val, 0);
+}
+
+// Replaces, by way of a transaction or a batch too, adds and deletes, and looks at its own work.
+int crowd::write_on(const kv &to) const
+{
     std::vector<uint32_t> churn(plan.churn, 0); // 0: absent
     auto refused = [&](int result) { return result != 0 && !(result == ENOMEM && plan.full_ok); };
     uint32_t state = 5, tick = 1;
     for (; !load(&shared->stop); store(&shared->writes, tick++)) {
         uint32_t what = next_random(&state), key = what / 4 % plan.keys, version = shared->versions[key][1] + 1;
+        bool txn = plan.threads && tick % 32 == 0, dropped = txn && tick % 3 == 0;
         store(&shared->versions[key][0], version);
-        int result = to.add(name_of('k', key), value_of(key, version));
+        int result = txn ? shkv_txn_start(to.handle, nullptr) : 0;
         if (result == 0)
+            result = add(to, name_of('k', key), value_of(key, version), plan.threads && tick % 512 == 1);
+        if (result == 0 && txn)
+            result = dropped ? shkv_txn_abort(to.handle) : shkv_txn_commit(to.handle, nullptr);
+        if (result == 0 && !dropped)
             store(&shared->versions[key][1], version);
         if (refused(result))
             return fprintf(stderr, "%s: replacing gives %d\n", plan.name, result), 2;
@@ -111,7 +162,7 @@ void crowd::expect_all(const kv &by) const
 
 crowd::crowd(const crowd_plan &how)
     : plan(how),
-      shared((board *)mmap(nullptr, board_sz(), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+      shared(shared_memory<board>(board_sz()))
 {
     shkv_max_db_sz = shkv_memory_limit_process = 0x60000000u;
     kv made = make_kv(plan.name, plan.params);
@@ -121,9 +172,7 @@ crowd::crowd(const crowd_plan &how)
     }
     EXPECT_EQ(0, shkv_close(made.handle));
     for (uint32_t no = 0; no < 3; no++)
-        pids[no] = start_child([&] {
-            return !freopen("/dev/null", "w", stdout) ? 9 : no == 0 ? write_on() : read_on(no - 1); // "key not found"
-        });
+        pids[no] = start_child([&] { return be_quiet(), no == 0 ? write() : read(no - 1); });
     EXPECT_TRUE(goes_on());
 }
 

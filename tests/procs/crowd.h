@@ -3,10 +3,10 @@
 // is not whole, is older than what was committed before the lookup or newer than what was begun behind
 // it, or misses a key, says so and ends.
 #pragma once
-#include <sys/mman.h>
-#include <vector>
-
 #include "support/kv.h"
+
+// Which threads of a process look beside the one that works: none, some by another handle, one by the same too.
+enum crowd_threads { ALONE, BY_ANOTHER, BY_THE_SAME };
 
 struct crowd_plan {
     const char *name;
@@ -15,6 +15,7 @@ struct crowd_plan {
     uint32_t churn = 0;   // keys that come and go
     uint32_t val_max = 0; // values are filled up to so many bytes, each to a length of its own
     bool full_ok = false; // a store that cannot grow refuses some writes
+    crowd_threads threads = ALONE; // with threads the writer also has transactions and batches
 };
 
 // What the processes tell one another.
@@ -24,14 +25,6 @@ struct board {
     uint32_t versions[][2]; // per key: begun, committed
 };
 
-inline uint32_t load(const uint32_t *word_p)
-{
-    return __atomic_load_n(word_p, __ATOMIC_SEQ_CST);
-}
-inline void store(uint32_t *word_p, uint32_t val)
-{
-    __atomic_store_n(word_p, val, __ATOMIC_SEQ_CST);
-}
 inline uint32_t next_random(uint32_t *state_p)
 {
     *state_p ^= *state_p << 13;
@@ -57,8 +50,11 @@ class crowd
     size_t board_sz() const { return sizeof(board) + 8ull * plan.keys; }
     std::string value_of(uint32_t key, uint32_t version) const;
     bool value_good(uint32_t key, int result, const std::string &found, uint32_t from) const;
-    int read_on(uint32_t no) const;
-    int write_on() const;
+    int look_on(const kv &by, uint32_t *lookups_p, uint32_t seed, bool lite) const;
+    int write_on(const kv &to) const;
+    template <typename F> int beside_threads(const kv &by, uint32_t *lookups_p, F work) const;
+    int read(uint32_t no) const;
+    int write() const;
 
     pid_t pids[3];
 };

@@ -1,12 +1,8 @@
 #include "support/scenario.h"
 
 #include <algorithm>
-#include <errno.h>
 #include <filesystem>
 #include <fstream>
-#include <sys/mman.h>
-
-#include "check/store_check.h"
 
 namespace fs = std::filesystem;
 
@@ -24,6 +20,20 @@ static std::string val_of(int i, int val_sz, int round)
 
 int round_no, singles_done;
 
+static int run_single(int handle, op_kind kind, const shkv_buf &key, const shkv_buf &val)
+{
+    char room[2048];
+    shkv_buf found = {room, sizeof room};
+    switch (kind) {
+    case ADD:
+        return shkv_add(handle, &key, &val, 0);
+    case DEL:
+        return shkv_delete(handle, &key);
+    default:
+        return shkv_lookup(handle, &key, &found);
+    }
+}
+
 int run_op(int handle, const op &what)
 {
     std::vector<std::string> keys, vals;
@@ -35,17 +45,16 @@ int run_op(int handle, const op &what)
     }
     std::vector<shkv_buf> key_bufs = bufs_of(keys), val_bufs = bufs_of(vals);
     uint16_t cnt = (uint16_t)keys.size();
-    int result = 0;
     switch (what.kind) {
     case ADD:
-        for (size_t i = 0; i < keys.size() && result == 0; ++i, singles_done += result == 0)
-            result = shkv_add(handle, &key_bufs[i], &val_bufs[i], 0);
-        return result;
     case DEL:
-        for (size_t i = 0; i < keys.size() && (result == 0 || result == ENOENT); ++i)
-            if ((result = shkv_delete(handle, &key_bufs[i])) == 0 || result == ENOENT)
-                ++singles_done;
-        return result == ENOENT ? 0 : result;
+    case LOOKUP:
+        for (size_t i = 0; i < keys.size(); ++i, ++singles_done) {
+            int result = run_single(handle, what.kind, key_bufs[i], val_bufs[i]);
+            if (result != 0 && (what.kind != DEL || result != ENOENT))
+                return result;
+        }
+        return 0;
     case TXN:
         return shkv_txn_start(handle, nullptr);
     case COMMIT:
@@ -62,13 +71,6 @@ int run_op(int handle, const op &what)
         return shkv_destroy(handle);
     case CREATE:
         return 0;
-    case LOOKUP:
-        for (size_t i = 0; i < keys.size() && result == 0; ++i) {
-            char room[2048];
-            shkv_buf found = {room, sizeof room};
-            result = shkv_lookup(handle, &key_bufs[i], &found);
-        }
-        return result;
     }
     return 0;
 }
@@ -92,7 +94,7 @@ void model::apply(const op &what, int round)
         txn = false;
 }
 
-int create_store(store_kind kind, uint32_t *err_p)
+static int create_store(store_kind kind, uint32_t *err_p)
 {
     static const uint32_t flags[] = {CONF_FIXEDMM, CONF_VECTORMM, CONF_VECTORMM | CONF_SHMAP, CONF_FIXEDMM | CONF_L3};
     shkv_params params = {16, 32, kind == VECTOR || kind == SHMAP ? 400u : 100u, flags[kind], 0};
@@ -104,7 +106,8 @@ int open_store(uint32_t mode, uint32_t *err_p)
     return shkv_open(STORE, 0, 0, mode, err_p);
 }
 
-int fill_store(int handle)
+// Adds records 2000, 2001, ... until the next one would have to grow the space; how many, or -1.
+static int fill_store(int handle)
 {
     shkv_opts opts = {0, 0, 0};
     shkv_db_set_opts(handle, 1, &opts);
@@ -145,20 +148,6 @@ void restore_snapshot(const snapshot &snap)
     }
 }
 
-bool read_all(int handle, contents *out_p)
-{
-    std::string key(2048, 0), val(65000, 0);
-    if (shkv_iterate(handle, nullptr, nullptr, nullptr, 1) != 0)
-        return false;
-    for (;;) {
-        shkv_buf key_buf = buf_of(key), val_buf = buf_of(val);
-        int result = shkv_iterate(handle, &key_buf, &val_buf, nullptr, 0);
-        if (result != 0)
-            return result == ENOENT;
-        (*out_p)[key.substr(0, key_buf.len)] = val.substr(0, val_buf.len);
-    }
-}
-
 // A table of 443 buckets gives few chains; 60 records of close keys give some of two and three.
 std::vector<scenario> scenarios()
 {
@@ -189,7 +178,7 @@ std::vector<scenario> scenarios()
         add("start", {many}, {{TXN}});
         add("batch of adds", {many}, {{BATCH_ADD, 58, 62}});
         add("batch of deletes", {many}, {{BATCH_DEL, 57, 61}});
-        add("create", {{CREATE}}, {{CREATE}});
+        add("create", {}, {{CREATE}});
         add("destroy", {many}, {{DESTROY}});
         list.push_back({"growth", kind, {many}, {{ADD, 1000, 1000}}, true, 0, true});
         list.push_back({"growth in slices", kind, {many}, {{ADD, 1000, 1030}, {DEL, 1, 10}, {ADD, 11, 20}}, true, 1, false});
@@ -216,101 +205,78 @@ static std::string odd_keys(const contents &got, const contents &before, const c
     return text;
 }
 
-// In a child, after the kill: the next writer. Prints what is wrong to fd; 0 when all is right.
-static int judge(const scenario &scene, const prepared &state, const std::vector<contents> &allowed, int fd)
+// In a child, after the kill: the next writer. What is wrong, or nothing.
+static std::string judge(const scenario &scene, const prepared &state)
 {
-    auto say = [&](const std::string &text) {
-        dprintf(fd, "%s", text.c_str());
-        return 1;
-    };
     uint32_t err = 0;
     int handle = open_store(SHKV_AM_WRITE, &err);
     if (!handle)
-        return say("the next writer gets " + std::to_string(err));
-    contents got;
-    if (!read_all(handle, &got))
-        return say("iteration fails");
-    if (std::find(allowed.begin(), allowed.end(), got) == allowed.end())
-        return say("contents of no single moment, odd:" + odd_keys(got, state.before, state.after));
-    store_image image;
-    load_store(STORE, &image);
-    check_report report = check_image(image, false);
-    if (!report.faults.empty())
-        return say("check: " + report.faults[0]);
+        return "the next writer gets " + std::to_string(err);
+    contents got, end;
+    if (read_all(handle, &got) < 0)
+        return "iteration fails";
+    if (std::find(state.allowed.begin(), state.allowed.end(), got) == state.allowed.end())
+        return "contents of no single moment, odd:" + odd_keys(got, state.before, state.after);
+    if (std::string faults = faults_of(STORE, false); !faults.empty())
+        return "check: " + faults;
     if (shkv_txn_is_active(handle)) {
         // What was staged can still be committed as a whole, or dropped.
         bool whole = scene.act.size() == 1 && scene.act[0].kind == COMMIT;
         whole ? shkv_txn_commit(handle, nullptr) : shkv_txn_abort(handle);
         contents again;
-        if (!read_all(handle, &again) || again != (whole ? state.after : got))
-            return say("the end of the transaction that was left went wrong");
+        if (read_all(handle, &again) < 0 || again != (whole ? state.after : got))
+            return "the end of the transaction that was left went wrong";
         got = again;
     }
     // Further work: some of everything, then once more the check and the contents.
+    model next{got, {}, false};
     for (const op &what : {op{ADD, 0, 12, 20}, op{DEL, 5, 6}, op{ADD, 500, 520}, op{DEL, 500, 505}, op{ADD, 40, 50}}) {
-        int result = run_op(handle, what);
-        if (result)
-            return say("further work gives " + std::to_string(result));
-        model next{got, {}, false};
+        if (int result = run_op(handle, what))
+            return "further work gives " + std::to_string(result);
         next.apply(what, round_no);
-        got = next.now;
     }
-    contents end;
-    if (!read_all(handle, &end) || end != got)
-        return say("further work went wrong");
-    load_store(STORE, &image);
-    report = check_image(image, false);
-    if (!report.faults.empty())
-        return say("check after further work: " + report.faults[0]);
-    return shkv_close(handle) ? say("close fails") : 0;
+    if (read_all(handle, &end) < 0 || end != next.now)
+        return "further work went wrong";
+    if (std::string faults = faults_of(STORE, false); !faults.empty())
+        return "check after further work: " + faults;
+    return shkv_close(handle) ? "close fails" : "";
 }
 
 // A store that a dead reshaper left takes no new writer; its readers find everything.
-static int judge_reading(const contents &before, int fd)
+static std::string judge_reading(const contents &before)
 {
     uint32_t err = 0;
     int handle = open_store(SHKV_AM_READ, &err);
     if (!handle)
-        return dprintf(fd, "a reader gets %u", err), 1;
+        return "a reader gets " + std::to_string(err);
     for (const auto &[key, val] : before) {
-        std::string room(100, 0);
-        shkv_buf key_buf = buf_of(key), val_buf = buf_of(room);
-        int result = shkv_lookup(handle, &key_buf, &val_buf);
-        if (result || room.substr(0, val_buf.len) != val)
-            return dprintf(fd, "lookup of %s gives %d", key.c_str(), result), 1;
+        answers got = look_up(handle, {key});
+        if (got.results[0] || got.values[0] != val)
+            return "lookup of " + key + " gives " + std::to_string(got.results[0]);
     }
-    return shkv_close(handle);
+    return shkv_close(handle) ? "close fails" : "";
 }
 
 // A half-made store is refused and a half-destroyed one gives a clear answer; a whole one works.
-static int judge_lifecycle(const contents &before, int fd)
+static std::string judge_lifecycle(const contents &before)
 {
     uint32_t err = 0;
+    contents got;
     int handle = open_store(SHKV_AM_WRITE, &err);
     if (!handle)
-        return err == ENOENT || err == EINVAL || err == EFAULT || err == ENOMEM ? 0 : (dprintf(fd, "open gives %u", err), 1);
-    contents got;
-    store_image image;
-    load_store(STORE, &image);
-    bool destroyed = image.sn() && (image.sn()->comm_flg & CF_DESTROYED);
-    if (!destroyed && (!read_all(handle, &got) || got != before))
-        return dprintf(fd, "contents of a store that opens"), 1;
-    check_report report = check_image(image, false);
-    if (!destroyed && !report.faults.empty())
-        return dprintf(fd, "check: %s", report.faults[0].c_str()), 1;
-    return 0;
+        return err == ENOENT || err == EINVAL || err == EFAULT || err == ENOMEM ? "" : "open gives " + std::to_string(err);
+    if (shkv_db_heads[handle - 1].sn->comm_flg & CF_DESTROYED)
+        return "";
+    if (read_all(handle, &got) < 0 || got != before)
+        return "contents of a store that opens";
+    return faults_of(STORE, false);
 }
 
-static bool lifecycle_op(const scenario &scene)
-{
-    return scene.act[0].kind == CREATE || scene.act[0].kind == DESTROY;
-}
-
-bool prepare(const scenario &scene, prepared *out_p)
+static bool prepare(const scenario &scene, prepared *out_p)
 {
     restore_snapshot({});
     round_no = 0;
-    int *filled_p = (int *)mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    int *filled_p = shared_memory<int>();
     int end = in_child([&] {
         uint32_t err = 0;
         if (scene.act[0].kind == CREATE) { // the registry alone
@@ -321,7 +287,7 @@ bool prepare(const scenario &scene, prepared *out_p)
         if (!handle)
             return 1;
         for (const op &what : scene.before)
-            if (what.kind != CREATE && run_op(handle, what))
+            if (run_op(handle, what))
                 return 2;
         if (scene.fill && (*filled_p = fill_store(handle)) < 1)
             return 3;
@@ -334,8 +300,7 @@ bool prepare(const scenario &scene, prepared *out_p)
         return false;
     model oracle;
     for (const op &what : scene.before)
-        if (what.kind != CREATE)
-            oracle.apply(what, ++round_no);
+        oracle.apply(what, ++round_no);
     for (int i = 0; scene.fill && i < *filled_p; ++i)
         oracle.apply({ADD, 2000 + i, 2000 + i}, ++round_no);
     out_p->base_round = round_no;
@@ -374,24 +339,38 @@ int act(const scenario &scene, const prepared &state, std::vector<op_result> *re
     return handle;
 }
 
-std::string judge_state(const scenario &scene, const prepared &state, bool done)
+std::string judge_state(const scenario &scene, const prepared &state)
 {
-    int pipe_fd[2];
-    if (pipe(pipe_fd))
-        return "no pipe";
+    constexpr size_t SIZE = 65536;
+    static char *why = shared_memory<char>(SIZE);
     int end = in_child([&] {
         round_no = state.base_round + 100;
-        if (lifecycle_op(scene))
-            return judge_lifecycle(state.before, pipe_fd[1]);
-        if (scene.act[0].kind == RESHAPE)
-            return judge_reading(state.before, pipe_fd[1]);
-        return judge(scene, state, done ? std::vector<contents>{state.after} : state.allowed, pipe_fd[1]);
+        op_kind kind = scene.act[0].kind;
+        std::string text = kind == CREATE || kind == DESTROY ? judge_lifecycle(state.before)
+                           : kind == RESHAPE                 ? judge_reading(state.before)
+                           : judge(scene, state);
+        snprintf(why, SIZE, "%s", text.c_str());
+        return 0;
     });
-    close(pipe_fd[1]);
-    char text[2000];
-    ssize_t len = end ? read(pipe_fd[0], text, sizeof text) : 0;
-    close(pipe_fd[0]);
-    if (end == 0)
-        return "";
-    return len > 0 ? std::string(text, (size_t)len) : "the next process ends with " + std::to_string(end);
+    return end == 0 ? why : "the next process ends with " + std::to_string(end);
+}
+
+void tally::fail(const scenario &scene, const std::string &where, const std::string &why)
+{
+    if (++failed <= 40)
+        printf("FAILED %s (%s): %s: %s\n", scene.name, KIND_NAMES[scene.kind], where.c_str(), why.c_str());
+}
+
+int run_scenarios(const std::vector<scenario> &list, const std::string &only, tally total, const runner &run)
+{
+    for (const scenario &scene : list) {
+        if (!only.empty() && only != scene.name)
+            continue;
+        uint64_t before = total.runs;
+        prepared state;
+        prepare(scene, &state) ? run(scene, state, &total) : total.fail(scene, "before", "cannot be set up");
+        printf("%-26s %-7s %8lu %s\n", scene.name, KIND_NAMES[scene.kind], (unsigned long)(total.runs - before), total.unit);
+    }
+    printf("%lu %s %s, %lu failed\n", (unsigned long)total.runs, total.unit, total.done, (unsigned long)total.failed);
+    return total.failed != 0 || total.runs == 0;
 }

@@ -1,33 +1,11 @@
 // What the crash explorer and the fault injection share: a small language of operations on one
 // store, the oracle that follows it, and states of the file system that can be put back.
 #pragma once
-#include <fcntl.h>
-#include <map>
-#include <signal.h>
-#include <string>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
+#include <functional>
 
-#include "shkv.h"
-
-using contents = std::map<std::string, std::string>;
+#include "support/plain.h"
 
 constexpr const char *STORE = "explored";
-
-inline shkv_buf buf_of(const std::string &text)
-{
-    return {const_cast<char *>(text.data()), (uint32_t)text.size()};
-}
-
-inline std::vector<shkv_buf> bufs_of(const std::vector<std::string> &texts)
-{
-    std::vector<shkv_buf> bufs;
-    for (const std::string &text : texts)
-        bufs.push_back(buf_of(text));
-    return bufs;
-}
 
 enum op_kind { ADD, DEL, TXN, COMMIT, ABORT, BATCH_ADD, BATCH_DEL, RESHAPE, DESTROY, CREATE, LOOKUP };
 struct op {
@@ -44,11 +22,7 @@ extern int round_no;
 extern int singles_done; // of the last operation's single adds or deletes
 
 int run_op(int handle, const op &what);
-int create_store(store_kind kind, uint32_t *err_p);
 int open_store(uint32_t mode, uint32_t *err_p);
-// Adds records 2000, 2001, ... until the next one would have to grow the space; how many, or -1.
-int fill_store(int handle);
-bool read_all(int handle, contents *out_p);
 
 // The oracle: what readers see (now), and what the writer of a transaction sees (staged).
 struct model {
@@ -64,28 +38,10 @@ struct snapshot {
 snapshot take_snapshot();
 void restore_snapshot(const snapshot &snap);
 
-// A child with its standard output closed, which does not outlive us.
-template <typename F> pid_t start_child(F what)
-{
-    fflush(stdout);
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(open("/dev/null", O_WRONLY), 1); // "key not found" of the deletes
-        _exit(what());
-    }
-    return pid;
-}
-// Its exit code, or -signal.
-inline int end_of(pid_t pid)
-{
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
+// In a child without standard output; its exit code, or -signal.
 template <typename F> int in_child(F what)
 {
-    return end_of(start_child(what));
+    return end_of(start_process([&] { return be_quiet(), what(); }));
 }
 
 // ---- scenarios: what a store has gone through, and the operations that are cut short ----
@@ -110,8 +66,6 @@ struct prepared {
     model base; // at rest
     int base_round = 0;
 };
-bool prepare(const scenario &scene, prepared *out_p);
-
 // Opens as the writer and does it. The results of the steps, when results_p is given; the handle.
 struct op_result {
     int result;
@@ -120,5 +74,18 @@ struct op_result {
 int act(const scenario &scene, const prepared &state, std::vector<op_result> *results_p);
 
 // As the next process: opens (as a writer, which repairs), compares the contents, checks every
-// invariant, works on. Empty when all is right. done: act succeeded, so only after will do.
-std::string judge_state(const scenario &scene, const prepared &state, bool done);
+// invariant, works on. Empty when all is right.
+std::string judge_state(const scenario &scene, const prepared &state);
+
+// ---- A program that goes through the scenarios --------------------------------------------------
+
+struct tally {
+    const char *unit, *done; // "states", "explored"
+    uint64_t runs = 0, failed = 0;
+
+    void fail(const scenario &scene, const std::string &where, const std::string &why);
+};
+
+// Prepares each of the list, or the ones of this name, and runs it. The program's exit code.
+using runner = std::function<void(const scenario &, const prepared &, tally *)>;
+int run_scenarios(const std::vector<scenario> &list, const std::string &only, tally total, const runner &run);

@@ -3,26 +3,11 @@
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
-#include <map>
 #include <sched.h>
 #include <set>
-#include <signal.h>
-#include <string>
 #include <string.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include "check/store_check.h"
-#include "shkv.h"
-#include "support/main.h"
-
-using contents = std::map<std::string, std::string>;
-
-inline shkv_buf buf_of(const std::string &text)
-{
-    return {const_cast<char *>(text.data()), (uint32_t)text.size()};
-}
+#include "support/plain.h"
 
 // Keys to 16 bytes, values to 40, owned by nobody's budget.
 inline int make_store(const char *name, uint32_t conf_flg, uint32_t maxents, uint32_t uuid = 0)
@@ -55,25 +40,16 @@ inline int del(int handle, const std::string &key)
 // *value is empty unless the result is 0.
 inline int get(int handle, const std::string &key, std::string *value)
 {
-    static char room[65000];
-    shkv_buf key_buf = buf_of(key), val_buf = {room, sizeof room};
-    int result = shkv_lookup(handle, &key_buf, &val_buf);
-    *value = result == 0 ? std::string(room, val_buf.len) : "";
-    return result;
+    answers got = look_up(handle, {key});
+    *value = got.values[0];
+    return got.results[0];
 }
 
 inline contents iterate_all(int handle)
 {
     contents all;
-    static char key_room[2048], val_room[65000];
-    int result = shkv_iterate(handle, nullptr, nullptr, nullptr, 1);
-    while (result == 0) {
-        shkv_buf key = {key_room, sizeof key_room}, val = {val_room, sizeof val_room};
-        result = shkv_iterate(handle, &key, &val, nullptr, 0);
-        bool once = result != 0 || all.emplace(std::string(key_room, key.len), std::string(val_room, val.len)).second;
-        EXPECT_TRUE(once) << key_room;
-    }
-    EXPECT_EQ(ENOENT, result);
+    int cnt = read_all(handle, &all);
+    EXPECT_EQ(cnt, (int)all.size()); // none twice
     return all;
 }
 
@@ -87,38 +63,10 @@ inline std::set<std::string> all_objects()
     return paths;
 }
 
-// What the checker finds wrong with the bytes of a store; strict: lost units, too.
-inline std::string faults_of(const char *name, bool strict = true)
-{
-    store_image image;
-    std::string text;
-    if (!load_store(name, &image))
-        return "no such store";
-    for (const std::string &fault : check_image(image, strict).faults)
-        text += fault + "\n";
-    return text;
-}
-
-// A child that does what and does not outlive us; its expectations count when it ends.
+// A child whose expectations count when it ends.
 template <typename F> pid_t start_child(F what)
 {
-    fflush(stdout);
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        int result = what();
-        fflush(stdout);
-        _exit(result || testing::Test::HasFailure());
-    }
-    return pid;
-}
-
-// Its exit code, or -signal.
-inline int end_of(pid_t pid)
-{
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    return start_process([&] { return what() || testing::Test::HasFailure(); });
 }
 
 template <typename F> void in_child(F what)
@@ -134,7 +82,7 @@ struct other_process {
     {
         int ready[2];
         EXPECT_EQ(0, pipe(ready));
-        pid = start_child([&] {
+        pid = start_process([&] {
             what();
             char ok = !testing::Test::HasFailure();
             return write(ready[1], &ok, 1) == 1 ? pause() : 1;
