@@ -1,18 +1,9 @@
 // Batches: what is applied, what a failure or a crash leaves, and what becomes of the log.
-#include <algorithm>
-
 #include "support/kv.h"
 
 namespace {
 
 using strings = std::vector<std::string>;
-
-std::vector<shkv_buf> bufs_of(const strings &texts)
-{
-    std::vector<shkv_buf> bufs(texts.size());
-    std::transform(texts.begin(), texts.end(), bufs.begin(), buf_of);
-    return bufs;
-}
 
 struct Batch : testing::TestWithParam<uint32_t> {
     kv db = {make_store("b", GetParam(), 100)};
