@@ -55,6 +55,12 @@ int crowd::look_on(const kv &by, uint32_t *lookups_p, uint32_t seed, bool lite) 
         for (int i = 0; i < 8; i++)
             if (!value_good(numbers[i], got.results[i], got.values[i], from[i]))
                 return 1;
+        if (plan.threads) { // these come and go
+            uint32_t no = next_random(&state) % plan.churn;
+            std::string found = look(by, name_of('c', no), lite);
+            if (!lite && found != "#2" && found.find(std::to_string(no) + ".") != 0)
+                return fprintf(stderr, "%s: c%u gives %s\n", plan.name, no, found.c_str()), 1;
+        }
         if (uint32_t cnt = load(&shared->growing)) {
             std::string key = name_of('g', round % 4 ? next_random(&state) % cnt : cnt - 1), found = look(by, key, lite);
             if (found != key)
@@ -122,23 +128,26 @@ int crowd::write_on(const kv &to) const
         int result = txn ? shkv_txn_start(to.handle, nullptr) : 0;
         if (result == 0)
             result = add(to, name_of('k', key), value_of(key, version), plan.threads && tick % 512 == 1);
+        std::vector<std::pair<uint32_t, uint32_t>> changes;
+        for (uint32_t i = 0; plan.churn && i < (txn ? 20 : what % 2); i++) {
+            uint32_t no = (what / 16 + i) % plan.churn;
+            bool adds = (what >> 1 ^ i) & 1;
+            int changed = adds ? to.add(name_of('c', no), value_of(no, tick)) : to.del(name_of('c', no));
+            if ((changed != ENOENT || churn[no] != 0) && refused(changed))
+                return fprintf(stderr, "%s: c%u gives %d\n", plan.name, no, changed), 2;
+            if (changed == 0)
+                changes.emplace_back(no, adds ? tick : 0);
+        }
         if (result == 0 && txn)
             result = dropped ? shkv_txn_abort(to.handle) : shkv_txn_commit(to.handle, nullptr);
         if (result == 0 && !dropped)
             store(&shared->versions[key][1], version);
+        for (auto [no, state_of] : changes)
+            churn[no] = dropped ? churn[no] : state_of;
         if (refused(result))
             return fprintf(stderr, "%s: replacing gives %d\n", plan.name, result), 2;
         if (what % 16 == 0 && !value_good(key, 0, to.at(name_of('k', key)), shared->versions[key][1]))
             return 1;
-        if (plan.churn && what % 2) {
-            uint32_t no = what / 16 % plan.churn;
-            result = what & 2 ? to.add(name_of('c', no), value_of(no, tick)) : to.del(name_of('c', no));
-            if (result != ENOENT || churn[no] != 0)
-                if (refused(result))
-                    return fprintf(stderr, "%s: c%u gives %d\n", plan.name, no, result), 2;
-            if (result == 0)
-                churn[no] = what & 2 ? tick : 0;
-        }
         for (uint32_t more = load(&shared->grow); more; more--) {
             std::string name = name_of('g', shared->growing);
             if ((result = to.add(name, name)) != 0)

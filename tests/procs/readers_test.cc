@@ -30,8 +30,8 @@ TEST(readers, find_every_committed_key_while_the_store_grows)
     } cases[] = {{{"fixed", {16, 32, 1000, CONF_FIXEDMM, 0}, 1000}, 100000},
                  {{"vector", {0, 0, 1000, CONF_VECTORMM, 0}, 1000, 0, 100}, 100000},
                  {{"shmap", {0, 0, 1000, CONF_VECTORMM | CONF_SHMAP, 0}, 1000}, 100000},
-                 {{"fixed_threads", {16, 32, 100, CONF_FIXEDMM, 0}, 50, 0, 0, false, BY_THE_SAME}, 40000},
-                 {{"vector_threads", {0, 0, 100, CONF_VECTORMM, 0}, 50, 0, 0, false, BY_THE_SAME}, 40000}};
+                 {{"fixed_threads", {16, 32, 100, CONF_FIXEDMM, 0}, 50, 500, 0, false, BY_THE_SAME}, 40000},
+                 {{"vector_threads", {0, 0, 100, CONF_VECTORMM, 0}, 50, 500, 0, false, BY_THE_SAME}, 40000}};
     for (const auto &each : cases) {
         crowd all(each.plan);
         store(&all.shared->grow, 32);
