@@ -16,6 +16,7 @@ void __asan_unpoison_memory_region(void const volatile *addr, size_t size) __att
 bool tight_tails; // poisoned from here on; a creation clears whole pages
 
 static constexpr size_t PAGE = 4096;
+static constexpr size_t LONGEST = 64u << 20; // of a mapping: a ring of nodes is walked to the end of it
 static constexpr size_t SUPERNODE_LEN = PAGE + 720; // mapped as two whole pages, which the trace ring fills
 static struct {
     char *at;
@@ -32,6 +33,10 @@ extern "C" void *__wrap_mmap(void *addr, size_t len, int prot, int flags, int fd
 {
     if (fd < 0 || addr || len == 0)
         return __real_mmap(addr, len, prot, flags, fd, off);
+    if (tight_tails && len > LONGEST) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+    }
     char *at = (char *)__real_mmap(nullptr, whole(len) + PAGE, PROT_NONE,
                                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (at == MAP_FAILED)

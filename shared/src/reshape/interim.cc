@@ -118,11 +118,11 @@ bool walk_list(list_walk *walk_p)
     return true;
 }
 
-// False when there is no list, or none that has room for the key.
+// False when there is no list, or none that has room for the key. A damaged size may leave less than a header.
 bool bound_walk(list_walk *walk_p)
 {
     const sbm *sbm_p = (const sbm *)walk_p->ud;
-    if (!get32(&sbm_p->intrm_head))
+    if (walk_p->limit < sizeof(sbm) || !get32(&sbm_p->intrm_head))
         return false;
     uint32_t end = get32(&sbm_p->ud_end), dn_sz = get32(&sbm_p->dn_sz);
     if (end > walk_p->limit) // a damaged header, or a growth that this mapping has not followed

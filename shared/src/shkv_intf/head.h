@@ -49,8 +49,8 @@ struct alignas(64) head_priv {
 };
 extern head_priv head_privs[HEADS];
 
-// Takes the handle's view away: behind the exchange of a mapping that moves no obj_ver, and before a
-// mapping goes for good. Pairs with publish_view, which looks at the mappings behind its store.
+// Takes the handle's view away: behind the exchange of a mapping, and before one goes for good. Pairs with
+// publish_view, which looks at the mappings behind its store.
 void forget_view(const shkv_head *head);
 
 // Handle of a head in the table, or 0 for a local one.

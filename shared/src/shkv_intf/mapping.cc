@@ -65,7 +65,8 @@ static void let_wait_locked(old_mapping *olds, void *base_p, void *const *of_pp,
     *place_p = {base_p, of_pp, sz, now};
 }
 
-// A head that is not in the table yet, or no more, is looked at by one thread alone.
+// A head that is not in the table yet, or no more, is looked at by one thread alone. The view that was made
+// of the mapping goes with it: that its versions have passed is not left to the bytes of the store to say.
 static void let_wait(const shkv_head *head, void *base_p, void *const *of_pp, uint32_t sz)
 {
     int handle = handle_of(head);
@@ -75,6 +76,7 @@ static void let_wait(const shkv_head *head, void *base_p, void *const *of_pp, ui
         munmap(base_p, sz);
         return;
     }
+    forget_view(head);
     pthread_mutex_lock(&old_mutex);
     let_wait_locked(old_mappings[handle - 1], base_p, of_pp, sz);
     pthread_mutex_unlock(&old_mutex);

@@ -90,8 +90,8 @@ static quick_view *free_place(uint32_t slot, uint32_t view_cnt)
     return &views[slot][view_cnt % VIEWS];
 }
 
-// A growth that fails exchanges a mapping, but no version: it takes the view away behind that, and
-// whoever has put one in force over it, or is about to, finds another mapping here.
+// Who exchanges a mapping takes the view away behind that (mapping.cc), and whoever has put one in force over
+// it, or is about to, finds another mapping here.
 static bool publish_view(shkv_head *head, head_priv *priv_p, const quick_view *view_p)
 {
     __atomic_store_n(&priv_p->view_p, view_p, __ATOMIC_SEQ_CST);

@@ -97,9 +97,7 @@ uint32_t whole_step(const grow_op *op_p)
 bool map_whole(const grow_op *op_p, uint32_t sz)
 {
     ud_map *ud = op_p->ud;
-    bool mapped = mapping_replace(op_p->head, &ud->map[0], &ud->mapped_sz, ud->fd, sz, PROT_READ | PROT_WRITE);
-    forget_view(op_p->head);
-    return mapped;
+    return mapping_replace(op_p->head, &ud->map[0], &ud->mapped_sz, ud->fd, sz, PROT_READ | PROT_WRITE);
 }
 
 int grow_whole(grow_op *op_p)
@@ -111,7 +109,6 @@ int grow_whole(grow_op *op_p)
     if (result != 0) {
         // The space stays unmapped here: this process is done with the store. Intended.
         mapping_give_up(op_p->head, &ud->map[0], &ud->mapped_sz);
-        forget_view(op_p->head);
         return result;
     }
     if (map_whole(op_p, op_p->old_sz + op_p->step))
