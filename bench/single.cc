@@ -217,10 +217,13 @@ void table_group(uint32_t n)
     if (field.empty())
         return;
     const workset w = workset_of(n, extra);
-    for (contestant &c : field) {
+    for (contestant &c : field)
         open_store(c, PEER_CREATE);
-        fill(c, 0, n);
-    }
+    // Slice by slice, so that all stores get their pages from the same corners of the machine's memory.
+    const uint32_t slices = n < 100000 ? 1 : 64;
+    for (uint64_t slice = 0; slice < slices; slice++)
+        for (contestant &c : field)
+            fill(c, static_cast<uint32_t>(n * slice / slices), static_cast<uint32_t>(n * (slice + 1) / slices));
     // All operations over the contestants, each round beginning with another of them.
     for (int r = 0; r < opt.rounds; r++)
         for (const operation &op : table_ops)
