@@ -13,6 +13,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -168,6 +169,12 @@ void damage(const damaged_store *store_p, input *in_p)
 
 // ---- The readers --------------------------------------------------------------------------------
 
+// No guard of an earlier call serves a later one.
+void no_guard()
+{
+    memset(sigbus_jmp, 0, sizeof sigbus_jmp);
+}
+
 // Makes one call, which may leave by the two ways that are by design. False when it did.
 template <typename F> bool call(bool goes_round, bool asserts, F what)
 {
@@ -175,6 +182,7 @@ template <typename F> bool call(bool goes_round, bool asserts, F what)
     ++calls;
     may_go_round = goes_round;
     may_assert = asserts;
+    no_guard();
     bool ended = sigsetjmp(out_of_call, 0) == 0;
     if (ended)
         what();
@@ -237,6 +245,7 @@ void ask(int handle)
     shkv_params params;
     reg_rec rec;
     char line[256];
+    no_guard();
     shkv_get_params(handle, &params);
     shkv_get_hashfn(handle);
     shkv_txn_is_active(handle);
@@ -263,6 +272,7 @@ void look_raw(const char *name)
 int open_reader(const char *name)
 {
     uint32_t err = 0;
+    no_guard();
     return shkv_open(name, 0, 0, SHKV_AM_READ | SHKV_AM_ITER, &err);
 }
 
@@ -278,6 +288,7 @@ int standing_reader(int which)
     if (standing[which] && memcmp(head, &fresh[which], sizeof *head) == 0 &&
         memcmp(head->ud1_map, &fresh_map[which], sizeof(ud_map)) == 0)
         return standing[which];
+    no_guard();
     if (standing[which])
         shkv_close(standing[which]);
     standing[which] = open_reader(NAMES[which]);
@@ -339,6 +350,7 @@ void run(input in)
         if (!left_by_clock)
             ask(handle);
     }
+    no_guard();
     limit_objects(RLIM_INFINITY);
     cut_objects(*store_p);
     if (++inputs % (which == 2 ? 256 : 16) == 0) { // its space is a whole chunk
@@ -428,6 +440,18 @@ extern "C" int __wrap_usleep(unsigned)
     return 0;
 }
 
+// A guard whose function has returned is none: the way back leads into a frame that is gone.
+static struct sigaction library_sigbus;
+static void on_guarded_sigbus(int sig, siginfo_t *, void *context)
+{
+    uint64_t key, kept = (uint64_t)sigbus_jmp[0].__jmpbuf[6]; // the stack pointer, as the C library keeps it
+    asm("movq %%fs:0x30, %0" : "=r"(key));
+    MUST(kept, "a read without a guard");
+    kept = (kept >> 17 | kept << 47) ^ key;
+    MUST(kept >= (uint64_t)((ucontext_t *)context)->uc_mcontext.gregs[REG_RSP], "a read behind a guard that is gone");
+    library_sigbus.sa_handler(sig);
+}
+
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     enter_private_place();
@@ -438,6 +462,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     action.sa_handler = on_tick;
     action.sa_flags = SA_NODEFER | SA_RESTART; // left by a jump
     sigaction(SIGVTALRM, &action, nullptr);
+    struct sigaction guarded = {};
+    guarded.sa_sigaction = on_guarded_sigbus;
+    guarded.sa_flags = SA_SIGINFO;
+    sigaction(SIGBUS, &guarded, &library_sigbus);
     // A crash is reported to its end: no tick leaves the report.
     struct sigaction crash;
     MUST(sigaction(SIGSEGV, nullptr, &crash) == 0, "no handler");
