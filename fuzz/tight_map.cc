@@ -13,6 +13,7 @@ void __asan_poison_memory_region(void const volatile *addr, size_t size) __attri
 void __asan_unpoison_memory_region(void const volatile *addr, size_t size) __attribute__((weak));
 }
 
+unsigned tight_calls; // exchanges of a mapping so far
 bool tight_tails; // poisoned from here on; a creation clears whole pages
 
 static constexpr size_t PAGE = 4096;
@@ -31,6 +32,7 @@ static size_t whole(size_t len)
 
 extern "C" void *__wrap_mmap(void *addr, size_t len, int prot, int flags, int fd, long off)
 {
+    ++tight_calls;
     if (fd < 0 || addr || len == 0)
         return __real_mmap(addr, len, prot, flags, fd, off);
     if (tight_tails && len > LONGEST) {
@@ -80,6 +82,7 @@ void tight_forget(bool (*in_use)(const void *))
 
 extern "C" int __wrap_munmap(void *addr, size_t len)
 {
+    ++tight_calls;
     for (auto &slot : tight)
         if (slot.at == addr && addr) {
             size_t mapped = slot.len;
