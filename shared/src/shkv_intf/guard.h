@@ -29,15 +29,16 @@
 // were: the function gives its caller's registers back from where it saved them.
 extern bool guard_quick;
 
-#if defined(__clang__) // keeps more over the label than the words below bring back, whatever is clobbered
-#define GUARD_ARM(label)                   \
-    do {                                   \
-        if (sigsetjmp(sigbus_jmp, 0) != 0) \
-            goto label;                    \
-    } while (0)
-#elif defined(__x86_64__) && defined(__GLIBC__)
+#if defined(__clang__) // keeps the base of a frame in rbx at times, whatever is clobbered
+#define GUARD_KEEP_BASE "movq %%rbx, (%%rdi)\n\t"
+#else
+#define GUARD_KEEP_BASE
+#endif
+
+#if defined(__x86_64__) && defined(__GLIBC__)
 #define GUARD_ARM(label)                                                                               \
-    asm goto("movq %%fs:0x30, %%rdx\n\t"                                                               \
+    asm goto(GUARD_KEEP_BASE                                                                           \
+             "movq %%fs:0x30, %%rdx\n\t"                                                               \
              "leaq %l[" #label "](%%rip), %%rax\n\t"                                                   \
              "movq %%rsp, %%rcx\n\t"                                                                   \
              "movq %%rbp, %%rsi\n\t"                                                                   \
