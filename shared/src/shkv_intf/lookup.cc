@@ -157,6 +157,18 @@ static int no_memory(const lookup_op *op_p)
     return fail(op_p->ring_p, 0x76, (uint32_t)op_p->handle, ENOMEM, "shkv out of actual me in shkv_lookup");
 }
 
+// Reads a chain that ended too soon once more, for the message that says where. False when the
+// memory behind it was gone.
+static __attribute__((noinline)) bool read_aloud(const lookup_op *op_p, const chain_walk *walk_p, int *ret_p)
+{
+    GUARD(faulted);
+    *ret_p = shkv_dv_read(op_p->value->ptr, op_p->value->len, walk_p->ud_base, walk_p->udn_p, REC_VALUE,
+                          walk_p->head, walk_p->shared_map, walk_p->limit, op_p->ring_p);
+    return true;
+faulted:
+    return false;
+}
+
 static int answer_of_record(const lookup_op *op_p, const chain_walk *walk_p)
 {
     int answer = 0;
@@ -172,9 +184,10 @@ static int answer_of_record(const lookup_op *op_p, const chain_walk *walk_p)
         return no_room(op_p, walk_p->sizes >> 16);
     case ANSWER_BAD_CKSUM:
         return bad_cksum(op_p);
-    case ANSWER_BAD_CHAIN: { // read once more, aloud
-        int ret = shkv_dv_read(op_p->value->ptr, op_p->value->len, walk_p->ud_base, walk_p->udn_p, REC_VALUE,
-                               walk_p->head, walk_p->shared_map, walk_p->limit, op_p->ring_p);
+    case ANSWER_BAD_CHAIN: {
+        int ret = 0;
+        if (!read_aloud(op_p, walk_p, &ret))
+            return no_memory(op_p);
         return ret ? ret : bad_cksum(op_p);
     }
     default:
