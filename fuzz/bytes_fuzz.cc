@@ -50,7 +50,7 @@ struct undo {
 std::vector<undo> undo_log;
 
 sigjmp_buf out_of_call;
-bool may_go_round, may_assert;
+volatile bool may_go_round, may_assert; // the clock looks at any moment
 bool left_by_clock; // out of the middle of a call: its handle may be half in step, and serves no more
 unsigned rounds, calls;
 
@@ -181,13 +181,15 @@ template <typename F> bool call(bool goes_round, bool asserts, F what)
 {
     rounds = 0;
     ++calls;
-    may_go_round = goes_round;
-    may_assert = asserts;
     no_guard();
     bool ended = sigsetjmp(out_of_call, 0) == 0;
-    if (ended)
+    if (ended) {
+        may_go_round = goes_round; // not before: until here the way out led into the frame of an earlier call
+        may_assert = asserts;
         what();
-    may_go_round = may_assert = false;
+    }
+    may_go_round = false;
+    may_assert = false;
     return ended;
 }
 
@@ -422,8 +424,12 @@ static bool holds_lock()
 // them without the exchange of a mapping, in whose middle nobody could leave.
 static void on_tick(int)
 {
+    static volatile bool under_way;
     static unsigned seen, mapped;
     static uint64_t begin_ns;
+    if (under_way) // a tick in a tick would see time go back and an exchange as over
+        return;
+    under_way = true;
     timespec now;
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     uint64_t now_ns = (uint64_t)now.tv_sec * 1000000000 + (uint64_t)now.tv_nsec;
@@ -432,7 +438,9 @@ static void on_tick(int)
     seen = calls;
     bool maps = mapped != tight_calls;
     mapped = tight_calls;
-    if (may_go_round && !maps && now_ns - begin_ns > 2000000 && !holds_lock()) {
+    bool leave = may_go_round && !maps && now_ns - begin_ns > 2000000 && !holds_lock();
+    under_way = false;
+    if (leave) {
         left_by_clock = true;
         siglongjmp(out_of_call, 1);
     }
