@@ -101,7 +101,8 @@ void procs_group(uint32_t n)
 {
     const workset w = workset_of(n, 0);
     const double secs = 0.2;
-    const char *const names[] = {"reader_alone", "two_readers", "reader_beside_writer"};
+    const char *const names[] = {"reader_alone", "two_readers", "reader_beside_writer",
+                                 "reader_beside_stranger"};
     struct team {
         contestant c;
         agent *wr, *rd[2];
@@ -110,7 +111,7 @@ void procs_group(uint32_t n)
     std::vector<team> teams;
     for (const peer *const *p = peers; *p; p++) {
         if (!((*p)->traits & PEER_SHARED) ||
-            std::none_of(names, names + 3, [&](const char *name) { return wanted(name, n, **p); }))
+            std::none_of(names, names + 4, [&](const char *name) { return wanted(name, n, **p); }))
             continue;
         team t = {contestant_of(**p, {nullptr, n, kKey, 32, false, true}),
                   shared_memory<agent>(),
@@ -143,6 +144,14 @@ void procs_group(uint32_t n)
                     sample s = reader_sample(*t.rd[0]);
                     s.more["writer_ns"] = t.wr->taken * 1e9 / static_cast<double>(t.wr->ops);
                     return s;
+                });
+            // The writer of another store: what it takes is the processors' share, the rest is the store's
+            // lines.
+            team &other = &t == &teams.back() ? teams.front() : *(&t + 1);
+            if (&other != &t && wanted(names[3], n, *t.c.p))
+                run_case(names[3], n, *t.c.p, [&] {
+                    together({{t.rd[0], JOB_READ}, {other.wr, JOB_WRITE}}, secs);
+                    return reader_sample(*t.rd[0]);
                 });
         }
     for (team &t : teams) {

@@ -204,7 +204,8 @@ static void write_tables(std::ofstream &out)
     const std::pair<const char *, std::vector<std::string>> across[] = {
         {"Variable values, by size", {"vec_lookup", "vec_lookup_churned", "vec_replace"}},
         {"Growing from 1,000 records; attaching to a store", {"insert_growth", "attach"}},
-        {"Several processes", {"reader_alone", "two_readers", "reader_beside_writer"}}};
+        {"Several processes",
+         {"reader_alone", "two_readers", "reader_beside_writer", "reader_beside_stranger"}}};
     for (const auto &[title, names] : across) {
         std::vector<std::string> columns;
         std::vector<std::pair<std::string, uint32_t>> cases;
