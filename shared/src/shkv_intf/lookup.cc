@@ -357,7 +357,7 @@ static int look(lookup_op *op_p)
     op_p->prim = op_p->sec = {};
     op_p->two_uds = get_active_db(&op_p->prim, &op_p->sec, op_p->head, op_p->flg) == 1;
     note_versions(op_p);
-    if ((op_p->head->access_mode & SHKV_AM_WRITE) && (op_p->flg & CF_TXN))
+    if ((get32(&op_p->head->access_mode) & SHKV_AM_WRITE) && (op_p->flg & CF_TXN))
         use_txn_table(&op_p->prim, op_p->head);
     ret = LOOK_MISS;
     if ((op_p->flg & CF_RESHAPE) && op_p->mode != MODE_TABLES_ONLY)

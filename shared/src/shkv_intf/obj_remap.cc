@@ -54,13 +54,13 @@ static int bind_by_desc(shkv_head *head, const md_desc *desc_p, md_rec *rec_p)
     // What the table's last contents were hashed with is not what these are.
     if (hashfn == SHKV_USER_HASHFN && rec_p->hash_fn && user_hash &&
         rec_p->hash_fn(SHKV_HASH_TEST, SHKV_HASH_TEST_LEN) != user_hash)
-        __atomic_store_n(&rec_p->hash_fn, nullptr, __ATOMIC_RELAXED);
+        bind_fn(rec_p, nullptr);
     if (hashfn == SHKV_USER_HASHFN && !rec_p->hash_fn)
         return fail(ring_of(head->sn), 0x45, hashfn, 0,
                     "shkv_remap_mdobj,                 new user-hashfn used, the db has                 to be "
                     "reopened");
     if (hashfn < HASH_FN_CNT)
-        __atomic_store_n(&rec_p->hash_fn, shkv_hash_matrix[hashfn], __ATOMIC_RELAXED);
+        bind_fn(rec_p, shkv_hash_matrix[hashfn]);
     return 1;
 }
 
@@ -68,7 +68,7 @@ static int remap_md(shkv_head *head, const md_desc *desc_p, md_rec *rec_p, int p
 {
     uint32_t ver = get32(&desc_p->obj_ver); // before obj_sz: see obj_open.cc
     int bound = bind_by_desc(head, desc_p, rec_p); // before the version, which says that it fits
-    if (ver != rec_p->ver) {
+    if (ver != get32(&rec_p->ver)) {
         if (!map_whole(head, (void **)&rec_p->base, &rec_p->mapped_sz, rec_p->fd, get32(&desc_p->obj_sz), prot,
                        0x3c, err_p))
             return 0;
@@ -129,7 +129,7 @@ static int remap_ud(shkv_head *head, const ud_desc *desc_p, ud_map *map_p, int p
 {
     uint32_t ver = get32(&desc_p->obj_ver); // before obj_sz: see obj_open.cc
     uint32_t obj_sz = get32(&desc_p->obj_sz);
-    if (ver == map_p->ver)
+    if (ver == get32(&map_p->ver))
         return 1;
     if (is_shared_map(head) ? !add_chunks(head, map_p, obj_sz, prot, err_p)
                             : !map_whole(head, &map_p->map[0], &map_p->mapped_sz, map_p->fd, obj_sz, prot, 0x3e,

@@ -18,6 +18,10 @@ static inline shkv_hash_fn bound_fn(const md_rec *rec_p)
 {
     return __atomic_load_n(&rec_p->hash_fn, __ATOMIC_RELAXED);
 }
+static inline void bind_fn(md_rec *rec_p, shkv_hash_fn fn)
+{
+    __atomic_store_n(&rec_p->hash_fn, fn, __ATOMIC_RELAXED);
+}
 
 // In step, and bound to a hash function: a table that was being built when the store was opened is
 // not.

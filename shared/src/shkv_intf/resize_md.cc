@@ -22,6 +22,7 @@
 #include "diag/log.h"
 #include "diag/trace.h"
 #include "shkv_intf/mapping.h"
+#include "shkv_intf/obj_remap.h"
 #include "shkv_intf/proc.h"
 #include "shkv_intf/refill.h"
 #include "shkv_intf/word.h"
@@ -134,8 +135,8 @@ void describe_target(resize_op *op_p)
     // which looks at this table once the flip has made it the one in force.
     put32(&target->obj_ver, get32(&target->obj_ver) + 1);
     LOG("%s: old hashsz: %u new hashsz: %u", "shkv_resize_md", get32(&active->hashsz), get32(&target->hashsz));
-    op_p->to->ver = get32(&target->obj_ver);
-    op_p->to->hash_fn = op_p->from->hash_fn;
+    bind_fn(op_p->to, op_p->from->hash_fn);
+    put32(&op_p->to->ver, get32(&target->obj_ver));
 }
 
 int resize_locked(resize_op *op_p)

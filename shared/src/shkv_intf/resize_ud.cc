@@ -176,8 +176,8 @@ void record_growth(grow_op *op_p)
     // Publish: the object has this length and its header covers it. Pairs with the compare in
     // check_hdmd_remap; a mapping that is not renewed stays good for the old part.
     put32(&desc->obj_ver, get32(&desc->obj_ver) + 1);
-    op_p->ud->ver = get32(&desc->obj_ver);
-    op_p->head->access_mode |= SHKV_AM_UD_GREW; // close tells the registry
+    put32(&op_p->ud->ver, get32(&desc->obj_ver));
+    put32(&op_p->head->access_mode, op_p->head->access_mode | SHKV_AM_UD_GREW); // close tells the registry
     if (op_p->sn->uuid != UUID_NONE)
         uuid_mem_used += op_p->step;
 }

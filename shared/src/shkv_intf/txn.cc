@@ -45,9 +45,9 @@ static void bind_hash(shkv_head *head, uint32_t flg)
     bool md1 = flg & CF_MD1;
     put16(&sn->md_txn.hashfn, get16(md1 ? &sn->md1.hashfn : &sn->md2.hashfn));
     md_rec *rec = &head->md_txn;
-    rec->hash_fn = md1 ? head->md1.hash_fn : head->md2.hash_fn;
-    rec->ver = get32(&sn->md_txn.obj_ver);
-    rec->mapped_sz = get32(&sn->md_txn.obj_sz);
+    bind_fn(rec, md1 ? head->md1.hash_fn : head->md2.hash_fn);
+    put32(&rec->ver, get32(&sn->md_txn.obj_ver));
+    put32(&rec->mapped_sz, get32(&sn->md_txn.obj_sz));
 }
 
 int shkv_txn_start(int handle, const uint32_t *est_ents)
