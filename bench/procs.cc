@@ -111,7 +111,8 @@ void procs_group(uint32_t n)
     std::vector<team> teams;
     for (const peer *const *p = peers; *p; p++) {
         if (!((*p)->traits & PEER_SHARED) ||
-            std::none_of(names, names + 4, [&](const char *name) { return wanted(name, n, **p); }))
+            std::none_of(std::begin(names), std::end(names),
+                         [&](const char *name) { return wanted(name, n, **p); }))
             continue;
         team t = {contestant_of(**p, {nullptr, n, kKey, 32, false, true}),
                   shared_memory<agent>(),
@@ -145,8 +146,7 @@ void procs_group(uint32_t n)
                     s.more["writer_ns"] = t.wr->taken * 1e9 / static_cast<double>(t.wr->ops);
                     return s;
                 });
-            // The writer of another store: what it takes is the processors' share, the rest is the store's
-            // lines.
+            // The writer of another store takes a share of the machine, but no lines of this store.
             team &other = &t == &teams.back() ? teams.front() : *(&t + 1);
             if (&other != &t && wanted(names[3], n, *t.c.p))
                 run_case(names[3], n, *t.c.p, [&] {
