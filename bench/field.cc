@@ -106,7 +106,8 @@ nlohmann::ordered_json results_json()
                                       {"real_time", median(s.ns)},
                                       {"best", *std::min_element(s.ns.begin(), s.ns.end())},
                                       {"worst", *std::max_element(s.ns.begin(), s.ns.end())},
-                                      {"repetitions", s.ns.size()}};
+                                      {"repetitions", s.ns.size()},
+                                  {"rounds", s.ns}};
         for (const auto &[key, values] : s.more)
             row[key] = key == "wrong" ? *std::max_element(values.begin(), values.end()) : median(values);
         out.push_back(row);
