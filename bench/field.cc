@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cmath>
 
 options opt;
 
@@ -98,6 +99,9 @@ nlohmann::ordered_json results_json()
     nlohmann::ordered_json out = nlohmann::ordered_json::array();
     for (const std::string &name : order) {
         const series &s = results[name];
+        std::vector<double> rounds;
+        for (double ns : s.ns)
+            rounds.push_back(std::round(ns * 100) / 100);
         nlohmann::ordered_json row = {{"name", name},
                                       {"op", s.op},
                                       {"size", s.size},
@@ -107,7 +111,7 @@ nlohmann::ordered_json results_json()
                                       {"best", *std::min_element(s.ns.begin(), s.ns.end())},
                                       {"worst", *std::max_element(s.ns.begin(), s.ns.end())},
                                       {"repetitions", s.ns.size()},
-                                  {"rounds", s.ns}};
+                                      {"rounds", rounds}};
         for (const auto &[key, values] : s.more)
             row[key] = key == "wrong" ? *std::max_element(values.begin(), values.end()) : median(values);
         out.push_back(row);
