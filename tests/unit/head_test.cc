@@ -65,12 +65,15 @@ TEST(head, a_failed_post_takes_the_slot_back_but_at_the_wrap_slot_30)
         shkv_db_pos_gbl = (uint16_t)each.at;
         shkv_db_heads[30].access_mode = SHKV_AM_READ;
         const shkv_head local = open_head(SHKV_AM_READ);
+        const quick_view in_force = {};
+        head_privs[each.freed].view_p = &in_force;
         refuse_post = true;
         EXPECT_EQ(shkv_set_heads(&local), -1);
         refuse_post = false;
         sem_post(&hd_sem);
         EXPECT_EQ(shkv_db_pos_gbl, each.pos);
         EXPECT_EQ(shkv_db_heads[each.freed].access_mode, 0u);
+        EXPECT_EQ(head_privs[each.freed].view_p, &no_view);
         EXPECT_EQ(shkv_db_heads[each.at].access_mode, each.at == each.freed ? 0u : SHKV_AM_READ);
         for (int handle : {each.at + 1, 31})
             shkv_clear_head(handle);

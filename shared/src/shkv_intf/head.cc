@@ -48,18 +48,20 @@ static void fill_slot(int slot, const shkv_head *local_p)
     put32(&head->access_mode, local_p->access_mode);
 }
 
-// When the position has wrapped this takes back slot 30 and not slot 31. Intended.
-static void step_back()
-{
-    shkv_db_pos_gbl = shkv_db_pos_gbl ? shkv_db_pos_gbl - 1 : HEADS - 2;
-    shkv_db_heads[shkv_db_pos_gbl].access_mode = 0;
-}
-
 void forget_view(const shkv_head *head)
 {
     int handle = handle_of(head);
     if (handle)
         __atomic_store_n(&head_privs[handle - 1].view_p, &no_view, __ATOMIC_SEQ_CST);
+}
+
+// When the position has wrapped this takes back slot 30 and not slot 31. Intended.
+static void step_back()
+{
+    shkv_db_pos_gbl = shkv_db_pos_gbl ? shkv_db_pos_gbl - 1 : HEADS - 2;
+    shkv_head *head = &shkv_db_heads[shkv_db_pos_gbl];
+    put32(&head->access_mode, 0);
+    forget_view(head);
 }
 
 int shkv_set_heads(const shkv_head *local_p)
