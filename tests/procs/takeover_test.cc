@@ -10,8 +10,9 @@ namespace {
 // Growth stores the header before the descriptor: the first writer died in between, or did not.
 TEST(Takeover, next_writer_waits_for_the_first_to_die_and_finishes_its_growth)
 {
-    const struct { const char *what; uint32_t conf_flg, file_sz, end, want_sz; } cases[] = {
+    const struct { const char *what; uint32_t conf_flg, file_sz, end, want_sz; bool own_id = false; } cases[] = {
         {"nothing to do", CONF_FIXEDMM, 0, 0, 0},
+        {"nothing to do, the dead writer's id given to this thread", CONF_FIXEDMM, 0, 0, 0, true},
         {"header raised", CONF_FIXEDMM, 0x8000, 0x7f00, 0x8000},
         {"header raised, by chunks", CONF_VECTORMM | CONF_SHMAP, 0x2000000, 0x1ffff80, 0x2000000},
         {"object longer, header as it was", CONF_FIXEDMM, 0x8000, 0, 0},
@@ -35,6 +36,11 @@ TEST(Takeover, next_writer_waits_for_the_first_to_die_and_finishes_its_growth)
         EXPECT_EQ(0, c.file_sz ? ftruncate(fd, c.file_sz) : 0);
         EXPECT_EQ(4, c.end ? pwrite(fd, &c.end, 4, 36) : 4);
         close(fd);
+        if (const uint32_t tid = (uint32_t)syscall(SYS_gettid); c.own_id) {
+            fd = open(object_path("cut", OBJ_SN).c_str(), O_RDWR);
+            EXPECT_EQ(4, pwrite(fd, &tid, 4, offsetof(supernode, wr_tid)));
+            close(fd);
+        }
         kv writer = open_kv("cut", SHKV_AM_WRITE);
         const ud_desc &ud = writer.sn()->ud1;
         EXPECT_EQ((uint32_t)syscall(SYS_gettid), writer.sn()->wr_tid[0]);

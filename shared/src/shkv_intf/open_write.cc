@@ -56,12 +56,18 @@ static bool wants_place(const write_op *op_p)
     return (op_p->access_mode & SHKV_AM_WRITE) && !is_multiwr(op_p) && !(op_p->access_mode & SHKV_AM_DBG);
 }
 
-// The id is compared as it stands: one that the system has given to another thread reads as alive.
+// The id is compared as it stands: one that the system has given to another thread reads as alive. This
+// thread's own is that of a dead writer, too, when no handle of it was found; the system gives ids again.
 static int check_writer(write_op *op_p)
 {
     uint32_t tid = get32(&op_p->sn->wr_tid[0]);
-    if (!wants_place(op_p) || tid == 0 || tid == my_tid())
+    if (!wants_place(op_p) || tid == 0)
         return 1;
+    if (tid == my_tid()) {
+        if (!(op_p->access_mode & SHKV_AM_WPROT)) // with it no handle was looked for
+            raise_version(op_p->sn);
+        return 1;
+    }
     char path[32];
     snprintf(path, sizeof path, "/proc/%d", (int)tid);
     DIR *dir_p = opendir(path);
@@ -177,6 +183,7 @@ static int settle_batch(write_op *op_p, int handle)
     give_place_back(op_p);
     bool locked = sem_take(&hd_sem) == 0; // who scans the heads is not looking at it now
     shkv_db_heads[handle - 1].sn = nullptr;
+    forget_view(&shkv_db_heads[handle - 1]); // of the writes that were rolled back
     if (locked)
         sem_give(&hd_sem);
     return 0;
