@@ -96,6 +96,17 @@ TEST(Open, never_takes_descriptor_0)
     dup2(keep, 0);
 }
 
+// Readers of one process share the tables of a space in chunks, with its writer, too.
+TEST(Destroy, leaves_the_readers_of_its_process_their_tables)
+{
+    EXPECT_EQ(0, shkv_close(small("shared", CONF_VECTORMM | CONF_SHMAP).handle));
+    kv writer = open_kv("shared", SHKV_AM_WRITE), reader = open_kv("shared", SHKV_AM_READ);
+    EXPECT_TRUE(reader.head()->ud2_map && reader.head()->ud2_map == writer.head()->ud2_map);
+    EXPECT_EQ(0, shkv_destroy(writer.handle));
+    EXPECT_EQ("#9", reader.at("key"));
+    EXPECT_EQ(0, shkv_close(reader.handle));
+}
+
 TEST(Destroy, removes_every_name_and_the_registry_record)
 {
     auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };

@@ -21,23 +21,31 @@
 
 // The search for a head ---------------------------------------------------------------------------
 
-// The table that the read open in progress takes over. Set and read under hd_sem. open_sem makes it
+// The tables that the read open in progress takes over. Set and read under hd_sem. open_sem makes it
 // one at a time.
-static const ud_map *pinned_map;
+static const ud_map *pinned_maps[2]; // of UD1 and UD2
 
 bool ud_map_in_use(const ud_map *map_p, const shkv_head *except_p)
 {
-    if (map_p && map_p == __atomic_load_n(&pinned_map, __ATOMIC_ACQUIRE))
-        return true;
+    for (const ud_map *const &pinned : pinned_maps)
+        if (map_p && map_p == __atomic_load_n(&pinned, __ATOMIC_ACQUIRE))
+            return true;
     for (const shkv_head &other : shkv_db_heads)
-        if (&other != except_p && other.access_mode != 0 && other.ud1_map == map_p)
+        if (&other != except_p && other.access_mode != 0 &&
+            (other.ud1_map == map_p || (map_p && other.ud2_map == map_p)))
             return true;
     return false;
 }
 
-void unpin_shared_map()
+static void pin_shared_maps(const ud_map *ud1_map, const ud_map *ud2_map)
 {
-    __atomic_store_n(&pinned_map, nullptr, __ATOMIC_RELEASE);
+    __atomic_store_n(&pinned_maps[0], ud1_map, __ATOMIC_RELEASE);
+    __atomic_store_n(&pinned_maps[1], ud2_map, __ATOMIC_RELEASE);
+}
+
+void unpin_shared_maps()
+{
+    pin_shared_maps(nullptr, nullptr);
 }
 
 // Slots of this store. One that was marked destroyed is another store of the same name, and a slot
@@ -83,7 +91,7 @@ static int search_locked(const char *dbname, uint32_t mode, shkv_head *share_out
         if (can_share(&head, dbname, mode)) {
             LOG("%s: use shared mapping from (shkvh:%d)                         access_mode %d uri %s",
                 "shkv_open_check_existing_heads", handle_of(&head), head.access_mode, head.sn->uri);
-            __atomic_store_n(&pinned_map, head.ud1_map, __ATOMIC_RELEASE);
+            pin_shared_maps(head.ud1_map, head.ud2_map);
             *share_out = head; // as it is now: it may be closed before the maps are taken over
             return 0;
         }
@@ -194,7 +202,7 @@ int shkv_open_read(const char *dbname, uint32_t uuid, uint64_t hashfn, uint32_t 
     op.errptr = errptr;
     op.head.access_mode = head_mode;
     int handle = open_read_locked(&op);
-    unpin_shared_map(); // the head in the table keeps the maps from here on
+    unpin_shared_maps(); // the head in the table keeps the maps from here on
     if (sem_give(&open_sem) == -1) // the head stays in its place
         return fail(nullptr, 0, 0, 0, "db shkv semaphore post failed,errno:%d", errno);
     return handle;
