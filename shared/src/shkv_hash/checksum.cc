@@ -17,10 +17,11 @@ static uint32_t last_byte_at(uint32_t stream_sz, uint32_t unit_cnt)
     return (end - 1) % VEC_UNIT_SZ;
 }
 
-// Units lie whole in the mapping and in one chunk, at multiples of their size.
-static bool unit_inside(uint32_t unit_off, uint32_t limit)
+// Units lie whole in the mapping.
+static bool unit_inside(uint32_t unit_off, uint32_t limit, bool shared_map)
 {
-    return limit == 0 || (unit_off % VEC_UNIT_SZ == 0 && unit_off < limit && limit - unit_off >= VEC_UNIT_SZ);
+    return limit == 0 ||
+           (unit_off % unit_step(shared_map) == 0 && unit_off < limit && limit - unit_off >= VEC_UNIT_SZ);
 }
 
 // A chain shorter than unit_cnt stays on its last unit for the rest.
@@ -40,7 +41,7 @@ int shkv_udn_checksum(void *ud_base, shkv_head *head, const udn *udn_p, uint32_t
         uint32_t next = left == 1 ? 0 : get32(&((const udn *)unit_p)->unit_next);
         if (next == 0)
             continue;
-        if (!unit_inside(next, limit))
+        if (!unit_inside(next, limit, shared_map))
             return 0;
         unit_p = (const uint8_t *)ud_addr(head, ud_base, next, shared_map);
     }

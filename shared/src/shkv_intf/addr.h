@@ -16,6 +16,13 @@ static inline void *ud_addr(shkv_head *head, void *ud_base, uint32_t off, bool s
     return shared_map ? shkv_ud_offset_to_addr(head, off) : (char *)ud_base + off;
 }
 
+// What a vector record's offsets are multiples of, at least: in chunks the unit, so that one lies in one
+// chunk; else its words.
+static inline uint32_t unit_step(bool shared_map)
+{
+    return shared_map ? VEC_UNIT_SZ : (uint32_t)sizeof(uint32_t);
+}
+
 static inline bool is_fixed(const supernode *sn)
 {
     return (sn->conf_flg & CONF_MM_MASK) == CONF_FIXEDMM;

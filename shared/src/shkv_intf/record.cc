@@ -21,10 +21,10 @@ static_assert(sizeof(sbm) % VEC_UNIT_SZ == 0);
 
 // ud_end lies at most a unit below the end of the mapping, so the header, a line that the writer
 // keeps busy, is looked at only for the last two units.
-bool dv_unit_ok(const void *ud_base, uint32_t unit_off, uint32_t limit)
+bool dv_unit_ok(const void *ud_base, uint32_t unit_off, uint32_t limit, bool shared_map)
 {
     if (limit != 0) {
-        if (unit_off % VEC_UNIT_SZ != 0 || limit < VEC_UNIT_SZ || unit_off > limit - VEC_UNIT_SZ)
+        if (unit_off % unit_step(shared_map) != 0 || limit < VEC_UNIT_SZ || unit_off > limit - VEC_UNIT_SZ)
             return false;
         if (unit_off + 2 * VEC_UNIT_SZ <= limit)
             return true;
@@ -45,7 +45,7 @@ static const udn *value_unit(const void *ud_base, uint32_t val_off, shkv_head *h
                              uint32_t limit)
 {
     uint32_t unit_off = val_off - val_off % VEC_UNIT_SZ;
-    if (!dv_unit_ok(ud_base, unit_off, limit))
+    if (!dv_unit_ok(ud_base, unit_off, limit, shared_map))
         return nullptr;
     return (const udn *)ud_addr(head, const_cast<void *>(ud_base), unit_off, shared_map);
 }
@@ -75,7 +75,7 @@ static int dv_copy(void *dst, uint32_t room, void *ud_base, const udn *udn_p, in
     for (uint32_t avail = VEC_UNIT_SZ - at; avail < left; avail = UNIT_ROOM) {
         uint32_t next = get32(&unit_p->unit_next);
         const udn *next_p = nullptr;
-        if (next != 0 && dv_unit_ok(ud_base, next, limit)) {
+        if (next != 0 && dv_unit_ok(ud_base, next, limit, shared_map)) {
             next_p = (const udn *)ud_addr(head, ud_base, next, shared_map);
             __builtin_prefetch(next_p);
             __builtin_prefetch((const char *)next_p + 64);

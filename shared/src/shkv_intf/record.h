@@ -19,7 +19,7 @@ int dv_read_quiet(void *dst, uint32_t room, void *ud_base, const udn *udn_p, int
                   bool shared_map, uint32_t limit);
 
 // Whether a unit that a link names lies whole in what is mapped and below ud_end. limit 0: the writer.
-bool dv_unit_ok(const void *ud_base, uint32_t unit_off, uint32_t limit);
+bool dv_unit_ok(const void *ud_base, uint32_t unit_off, uint32_t limit, bool shared_map);
 
 // Hash of a stored key. In vector mode gathered into gather_p (REC_KEY_MAX bytes) when it spans
 // units; *gathered_p (may be null) tells.

@@ -66,7 +66,7 @@ static bool head_inside(const chain_walk *walk_p, uint32_t off)
     if (limit == 0)
         return true;
     if (walk_p->vector)
-        return off % VEC_UNIT_SZ == 0 && limit >= VEC_UNIT_SZ && off <= limit - VEC_UNIT_SZ;
+        return off % unit_step(walk_p->shared_map) == 0 && limit >= VEC_UNIT_SZ && off <= limit - VEC_UNIT_SZ;
     return limit >= UDN_HEAD_SZ && off <= limit - UDN_HEAD_SZ;
 }
 
@@ -157,7 +157,7 @@ static int shkv_dv_key_cmp(const chain_walk *walk_p, const udn *udn_p, uint32_t 
         key_p += avail;
         left -= avail;
         uint32_t next = get32(&udn_p->unit_next);
-        if (!dv_unit_ok(walk_p->ud_base, next, walk_p->limit)) {
+        if (!dv_unit_ok(walk_p->ud_base, next, walk_p->limit, walk_p->shared_map)) {
             *unit_off_p = next;
             return KEY_OUTSIDE;
         }
