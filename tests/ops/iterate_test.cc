@@ -1,4 +1,6 @@
 #include <set>
+#include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "support/kv.h"
@@ -108,4 +110,28 @@ TEST(iterate, a_deleted_record_under_the_cursor_leads_on)
     }
     EXPECT_EQ(seen, 4);
     EXPECT_EQ(faults_of("it_del"), "");
+}
+
+// A record that begins ahead of the mapping's end, and a space that a failed growth has left unmapped.
+TEST(iterate, what_the_mapping_does_not_hold_is_refused)
+{
+    for (uint32_t conf_flg : {CONF_FIXEDMM, CONF_VECTORMM})
+        in_child([=] {
+            kv store = {make_store(("it_out" + std::to_string(conf_flg)).c_str(), conf_flg, 100)};
+            uint32_t *chain_p = store.chain_of(store.keys_in(1)[0]), limit = store.head()->ud1_map->mapped_sz;
+            *chain_p = limit - 16;
+            EXPECT_EQ(reset(store), 0);
+            EXPECT_EQ(next(store), "#12");
+            EXPECT_EQ(last_event(store.sn()).code, TRACE_PAIR1 | 0xE7u);
+            *chain_p = 0;
+            signal(SIGXFSZ, SIG_IGN);
+            const rlimit as_it_is = {limit, RLIM_INFINITY};
+            EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &as_it_is), 0);
+            for (size_t i = 0; store.add(key_no(i), "value") == 0; i++)
+                ;
+            EXPECT_EQ(store.ud(), nullptr);
+            EXPECT_EQ(reset(store), 0);
+            EXPECT_EQ(next(store), "#12");
+            return 0;
+        });
 }

@@ -43,7 +43,9 @@ struct iter_op {
     uint32_t bkts;
     uint32_t mapped_bkts;
     void *ud_base;
-    uint32_t limit; // bytes of the record space that are mapped
+    uint32_t limit;              // bytes of the record space that are mapped
+    uint32_t ud_ver;             // what that mapping is of,
+    const uint32_t *ud_obj_ver_p; // and of what the record space is now
     // the record
     udn *udn_p;
     uint32_t key_sz;
@@ -72,7 +74,7 @@ static int check_args(const iter_op *op_p, int reset)
 }
 
 // The old table and the old record space of a reshape; never MD_TXN. False when another thread is
-// about to exchange the mapping of the table.
+// about to exchange the mapping of the table. A mapping's version is read ahead of the mapping.
 static bool choose_tables(iter_op *op_p)
 {
     shkv_head *head = op_p->head;
@@ -90,6 +92,8 @@ static bool choose_tables(iter_op *op_p)
     op_p->bkts = get32(&curr_md->hashsz);
     op_p->mapped_bkts = md_sz / (uint32_t)sizeof(mdn);
     op_p->limit = 0;
+    op_p->ud_obj_ver_p = prim.ud == head->ud1_map ? &op_p->sn->ud1.obj_ver : &op_p->sn->ud2.obj_ver;
+    op_p->ud_ver = prim.ud ? get32(&prim.ud->ver) : get32(op_p->ud_obj_ver_p);
     op_p->ud_base = prim.ud ? ud_mapped(prim.ud, &op_p->limit) : nullptr;
     return true;
 }
@@ -182,7 +186,14 @@ static int outside(const iter_op *op_p, int value)
 static bool head_inside(const iter_op *op_p, uint32_t off)
 {
     uint32_t need = op_p->vector ? VEC_UNIT_SZ : UDN_HEAD_SZ;
-    return op_p->limit >= need && off <= op_p->limit - need && !(op_p->vector && off % VEC_UNIT_SZ != 0);
+    return op_p->limit >= need && off <= op_p->limit - need &&
+           !(op_p->vector && off % unit_step(op_p->shared_map) != 0);
+}
+
+// A record that does not fit into the mapping: the next round has a longer one, or it never fits.
+static int partly_outside(const iter_op *op_p)
+{
+    return outside(op_p, get32(op_p->ud_obj_ver_p) != op_p->ud_ver ? ITER_AGAIN : ENOMEM);
 }
 
 // The words are those of lookup; intended.
@@ -247,7 +258,7 @@ static int give_record(iter_op *op_p)
     op_p->val_sz = sizes >> 16;
     uint64_t end = (uint64_t)head->iter_off + UDN_HEAD_SZ + op_p->key_sz + op_p->val_sz;
     if (op_p->fixed && (op_p->key || op_p->val) && end > op_p->limit)
-        return outside(op_p, ENOMEM);
+        return partly_outside(op_p);
     int ret = op_p->key ? give_key(op_p) : 0;
     if (ret == 0 && op_p->val)
         ret = give_value(op_p);
@@ -288,10 +299,12 @@ static int iterate_once(iter_op *op_p, int reset)
         return reset_cursor(op_p);
     if (head->iter_off == 0 && (ret = next_bucket(op_p)) != 0)
         return ret;
-    if (!head_inside(op_p, head->iter_off))
+    if (!op_p->ud_base) // after a failed growth, or while another thread exchanges it
+        return partly_outside(op_p);
+    if (head->iter_off >= op_p->limit)
         return outside(op_p, ITER_AGAIN); // the mapping may be stale; the next round sees to it
-    void *ud_base = op_p->ud_base;
-    assert(ud_base);
+    if (!head_inside(op_p, head->iter_off))
+        return partly_outside(op_p);
     op_p->udn_p = (udn *)record_at(op_p, head->iter_off);
     return give_guarded(op_p);
 }
@@ -301,7 +314,7 @@ static int iterate_once(iter_op *op_p, int reset)
 QUICK_INLINE int quick_iterate(int handle, shkv_buf *key, shkv_buf *val, shkv_iter_pos *pos)
 {
     const quick_view *view_p = quick_view_of(handle);
-    if (!view_p || view_p->vector || !key || !key->ptr || !val || !val->ptr)
+    if (!view_p || view_p->vector || !key || !key->ptr || !val || !val->ptr || key == val)
         return QUICK_NO;
     shkv_head *head = &shkv_db_heads[handle - 1];
     if (!(head->access_mode & (SHKV_AM_WRITE | SHKV_AM_ITER)))
@@ -332,7 +345,8 @@ QUICK_INLINE int quick_iterate(int handle, shkv_buf *key, shkv_buf *val, shkv_it
     key->len = key_sz;
     val->len = val_sz;
     if (pos)
-        *pos = {get32(&head->sn->comm_flg), off, bkt, ordinal};
+        *pos = {(view_p->flg & view_p->flg_mask) | (get32(&head->sn->comm_flg) & ~view_p->flg_mask), off, bkt,
+                ordinal}; // the bits that count as this call went by them
     head->iter_off = next;
     head->iter_bkt = bkt;
     head->iter_cnt = ordinal;
