@@ -57,3 +57,31 @@ TEST(Txn, is_one_change_or_none_also_with_growth_inside)
             stage_much(conf_flg, commit);
         }
 }
+
+// A debug writer beside this one has grown the store twice and left in the middle of a rebuild: nothing of it
+// is mapped here yet.
+TEST(Txn, a_start_finishes_the_rebuild_of_another_writer)
+{
+    for (uint32_t conf_flg : {CONF_FIXEDMM, CONF_VECTORMM}) {
+        kv writer = {make_store("others", conf_flg, 100)};
+        writer.sn()->rz_tm_chk = 1;
+        ASSERT_EQ(0, writer.add("own", "value"));
+        in_child([] {
+            uint32_t err = 0, grown = 0;
+            kv other = {shkv_open("others", UUID_DEBUG, 0, SHKV_AM_WRITE | SHKV_AM_DBG, &err)};
+            for (size_t i = 0; grown < 2 || other.head()->refill_pos == 0; i++) {
+                uint32_t was = other.sn()->ud1.obj_sz;
+                EXPECT_EQ(0, other.add(key_no(i), "value"));
+                grown += other.sn()->ud1.obj_sz != was;
+            }
+            return shkv_close(other.handle);
+        });
+        ASSERT_TRUE(writer.sn()->comm_flg & (CF_REFILL1 | CF_REFILL2));
+        EXPECT_EQ(0, shkv_txn_start(writer.handle, nullptr));
+        EXPECT_EQ(CF_TXN, writer.sn()->comm_flg & (CF_TXN | CF_REFILL1 | CF_REFILL2));
+        EXPECT_EQ(0, shkv_txn_abort(writer.handle));
+        EXPECT_EQ("valuevalue", writer.at("own") + writer.at(key_no(0)));
+        EXPECT_EQ("", faults_of("others"));
+        EXPECT_EQ(0, shkv_destroy(writer.handle));
+    }
+}

@@ -66,8 +66,13 @@ int pick_space(resize_op *op_p)
         return fail(op_p->ring_p, 0xF2, f, EINVAL, "shkv_resize_md can not identify which UD");
     const ud_map *ud = f & CF_UD1 ? op_p->head->ud1_map : op_p->head->ud2_map;
     op_p->ud_base = ud ? ud->map[0] : nullptr;
-    // A record space that a failed growth has left unmapped: as out of memory as that was.
-    return op_p->ud_base ? 0 : ENOMEM;
+    // A record space that a failed growth has left unmapped: as out of memory as that was. So is a table or a
+    // space that another writer has made longer than what is mapped here.
+    const md_rec *from = op_p->from;
+    uint32_t ud_sz = get32(f & CF_UD1 ? &op_p->sn->ud1.obj_sz : &op_p->sn->ud2.obj_sz);
+    bool whole = op_p->ud_base && ud->mapped_sz >= ud_sz && from->base &&
+                 from->mapped_sz / sizeof(mdn) >= get32(&op_p->active->hashsz);
+    return whole ? 0 : ENOMEM;
 }
 
 // Half of the units that the record space allows, as buckets; a table never shrinks.

@@ -65,7 +65,10 @@ int shkv_txn_start(int handle, const uint32_t *est_ents)
     if (!(flg & CF_TXN) && (flg & (CF_REFILL1 | CF_REFILL2))) {
         if (!txn_may_store(head))
             return EINVAL;
-        int result = txn_finish_rebuild(head, wprot_closed(head));
+        // It may be another writer's, who has grown the store since this handle looked.
+        int result = check_hdmd_remap(head, flg, handle, PROT_READ | PROT_WRITE, nullptr);
+        if (result == 0)
+            result = txn_finish_rebuild(head, wprot_closed(head));
         if (result != 0)
             return result;
         flg = get32(&sn->comm_flg);
@@ -75,7 +78,7 @@ int shkv_txn_start(int handle, const uint32_t *est_ents)
     if (!txn_may_store(head))
         return EINVAL; // everything from here on would meet a read-only mapping
 
-    int result = check_hdmd_remap(head, flg, handle, PROT_READ | PROT_WRITE, ring_of(sn));
+    int result = check_hdmd_remap(head, flg, handle, PROT_READ | PROT_WRITE, nullptr); // no events here
     if (result == 0)
         result = txn_table_make(head, shkv_get_hash_size(wanted_buckets(est_ents)));
     if (result != 0)

@@ -110,7 +110,7 @@ static int bind_tables(txn_op *op_p)
 static int begin_mapped(txn_op *op_p, int handle)
 {
     shkv_head *head = op_p->head;
-    int result = check_hdmd_remap(head, op_p->flg, handle, PROT_READ | PROT_WRITE, ring_of(op_p->sn));
+    int result = check_hdmd_remap(head, op_p->flg, handle, PROT_READ | PROT_WRITE, nullptr); // no events here
     if (result == 0)
         result = bind_tables(op_p);
     if (result != 0)
