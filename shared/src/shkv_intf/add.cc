@@ -387,12 +387,13 @@ int add_single(add_op *op_p)
     if (op_p->head->refill_pos != 0)
         return add_multi(op_p);
     int result = add_locked(op_p);
-    if (write_goes_on_locked(op_p->sn, result))
+    // A ready-made record is linked once.
+    if (op_p->node ? result == WRITE_BEHIND_LOCK : write_goes_on_locked(op_p->sn, result))
         return add_multi(op_p);
     return result;
 }
 
-int add_record(int handle, const shkv_buf *key, const shkv_buf *value, udn *node, uint16_t mode)
+int add_record(int handle, const shkv_buf *key, const shkv_buf *value, udn *node, uint16_t mode, bool locked)
 {
     shkv_head *head = writer_head(handle);
     if (!head)
@@ -411,6 +412,9 @@ int add_record(int handle, const shkv_buf *key, const shkv_buf *value, udn *node
         (result = check_sizes(&op)) != 0)
         return result;
     op.shared_map = is_shared_map(head);
+    op.locked = locked;
+    if (locked)
+        return add_locked(&op);
     return op.sn->conf_flg & CONF_MULTIWR ? add_multi(&op) : add_single(&op);
 }
 
@@ -418,7 +422,13 @@ int add_record(int handle, const shkv_buf *key, const shkv_buf *value, udn *node
 
 int __shkv_add(int handle, const shkv_buf *key, const shkv_buf *value, udn *node, uint16_t mode)
 {
-    return add_record(handle, key, value, node, mode);
+    return add_record(handle, key, value, node, mode, false);
+}
+
+int add_tombstone(int handle, const shkv_buf *key, bool locked)
+{
+    const shkv_buf none = {nullptr, 0};
+    return add_record(handle, key, &none, nullptr, ADD_TOMBSTONE, locked);
 }
 
 int shkv_add(int handle, const shkv_buf *key, const shkv_buf *value, uint32_t mode)
@@ -432,5 +442,5 @@ int shkv_add(int handle, const shkv_buf *key, const shkv_buf *value, uint32_t mo
     if ((uint16_t)mode_arg == ADD_PLAIN && quick_add(handle_arg, key_arg, value_arg, asked) == 0)
         return 0;
 in_full:
-    return add_record(handle_arg, key_arg, value_arg, nullptr, (uint16_t)mode_arg);
+    return add_record(handle_arg, key_arg, value_arg, nullptr, (uint16_t)mode_arg, false);
 }

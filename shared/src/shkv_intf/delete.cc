@@ -21,6 +21,7 @@
 #include "diag/fail.h"
 #include "diag/trace.h"
 #include "reshape/replay.h"
+#include "shkv_intf/add.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/chain.h"
 #include "shkv_intf/guard.h"
@@ -102,7 +103,10 @@ int take_snapshot(del_op *op_p)
 // While a reshape moves the tables, writes are only noted, for the reshaper to replay.
 bool goes_to_interim(const del_op *op_p)
 {
-    return (op_p->flg & CF_RESHAPE) && op_p->mode != DEL_RESHAPE_OLD && op_p->mode != DEL_RESHAPE_NEW;
+    if (!(op_p->flg & CF_RESHAPE) || op_p->mode == DEL_RESHAPE_OLD || op_p->mode == DEL_RESHAPE_NEW)
+        return false;
+    // What is no mode is refused with the table.
+    return op_p->mode == DEL_PLAIN || !(op_p->flg & CF_RESHAPE_DRAIN);
 }
 
 int put_interim(const del_op *op_p)
@@ -166,10 +170,8 @@ bool find_record(del_op *op_p)
 // The committed table is left alone until the commit: readers still find the key.
 int delete_in_txn(const del_op *op_p)
 {
-    if (op_p->rec != &op_p->head->md_txn) {
-        shkv_buf none = {nullptr, 0};
-        return __shkv_add(op_p->handle, op_p->key, &none, nullptr, 1);
-    }
+    if (op_p->rec != &op_p->head->md_txn)
+        return add_tombstone(op_p->handle, op_p->key, op_p->locked);
     put8(&op_p->found->nd_flg, get8(&op_p->found->nd_flg) | UDN_DELETED);
     return 0;
 }
