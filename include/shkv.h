@@ -233,7 +233,9 @@ SHKV_API int shkv_add(int handle, const shkv_buf *key, const shkv_buf *value, ui
 SHKV_API int __shkv_add(int handle, const shkv_buf *key, const shkv_buf *value, udn *node, uint16_t mode);
 
 /* Finds key and copies its value. value->len: in, room in bytes; out, size stored, also when the
- * room was too small. A value of length 0 and null pointer asks for the size alone.
+ * room was too small. A value of length 0 and null pointer asks for the size alone. The room may begin
+ * where the key does, but not elsewhere within it; after another result than 0 its bytes may be those
+ * of a copy that was given up.
  * 0; ENOENT; EBADF; ENOMEM a mapping out of step twice in a row, or memory gone; EINVAL bad
  * arguments, too small a buffer, or a record damaged in the store. Takes no lock and makes no
  * system call; any thread of any process, at any time, beside the writer. A key that is always

@@ -55,6 +55,12 @@ int crowd::look_on(const kv &by, uint32_t *lookups_p, uint32_t seed, bool lite) 
         for (int i = 0; i < 8; i++)
             if (!value_good(numbers[i], got.results[i], got.values[i], from[i]))
                 return 1;
+        std::string place = names[0]; // a value in its key's place
+        place.resize(4096);
+        shkv_buf key_buf = {place.data(), (uint32_t)names[0].size()}, val = {place.data(), 4096};
+        if (int result = shkv_lookup(by.handle, &key_buf, &val);
+            !value_good(numbers[0], result, place.substr(0, result ? 0 : val.len), from[0]))
+            return 1;
         if (plan.threads) { // these come and go
             uint32_t no = next_random(&state) % plan.churn;
             std::string found = look(by, name_of('c', no), lite);

@@ -392,9 +392,17 @@ int __shkv_lookup(int handle, const shkv_buf *key, shkv_buf *value, uint32_t mod
 }
 
 // A stale mapping or a fault costs one retry, whose look brings the mapping in step. Nothing else
-// is tried again.
+// is tried again. A key whose place the value is to take is put aside: a look that starts again has copied
+// over it.
 static __attribute__((noinline)) int lookup_in_full(int handle, const shkv_buf *key, shkv_buf *value)
 {
+    char key_room[REC_KEY_MAX];
+    shkv_buf moved = {key_room, 0};
+    if (key && value && key->ptr && key->ptr == value->ptr && key->len <= REC_KEY_MAX) {
+        moved.len = key->len;
+        memcpy(key_room, key->ptr, key->len);
+        key = &moved;
+    }
     int ret = __shkv_lookup(handle, key, value, 0);
     return ret == ENOMEM ? __shkv_lookup(handle, key, value, 0) : ret;
 }
@@ -417,7 +425,7 @@ int shkv_lookup(int handle, const shkv_buf *key, shkv_buf *value)
         key = key_arg;
         value = value_arg;
         const quick_view *view_p = quick_view_at(slot_arg);
-        if (LIKELY(view_p && quick_args_ok(key, value))) {
+        if (LIKELY(view_p && quick_room_ok(key, value))) {
             const char *key_p = (const char *)key->ptr;
             uint32_t key_len = key->len;
             const mdn *bucket = quick_bucket(view_p, key_p, key_len, QUICK_UNASKED);

@@ -93,7 +93,7 @@ int lookup_vector(int handle, const shkv_buf *key, shkv_buf *value)
         key = key_arg;
         value = value_arg;
         const quick_view *view_p = quick_view_of(handle_arg);
-        if (UNLIKELY(!view_p || !view_p->vector || !quick_args_ok(key, value) || key->len > VEC_KEY_MAX))
+        if (UNLIKELY(!view_p || !view_p->vector || !quick_room_ok(key, value) || key->len > VEC_KEY_MAX))
             return QUICK_NO;
         const char *key_p = (const char *)key->ptr;
         const mdn *bucket = quick_bucket(view_p, key_p, key->len, asked);

@@ -36,7 +36,7 @@ QUICK_INLINE void fetch_group(const group_op *op_p, const quick_view *view_p, co
     uint32_t firsts[M_LOOKUP_MAX];
     for (uint32_t i = 0; i < op_p->cnt; i++) {
         const shkv_buf *key = &op_p->keys[i];
-        const char *key_p = quick_args_ok(key, &op_p->vals[i]) ? (const char *)key->ptr : nullptr;
+        const char *key_p = quick_room_ok(key, &op_p->vals[i]) ? (const char *)key->ptr : nullptr;
         buckets[i] = key_p ? quick_bucket(view_p, key_p, key->len, QUICK_UNASKED) : nullptr;
         __builtin_prefetch(buckets[i]);
     }

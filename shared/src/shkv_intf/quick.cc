@@ -148,7 +148,7 @@ int quick_miss(const quick_view *view_p, const mdn *bucket, const char *key_p, u
         seen = hit.seen;
         if (walk_enough(walks, steps)) {
             __atomic_thread_fence(__ATOMIC_ACQUIRE); // the walks stay ahead of this last look
-            return quick_fits(view_p) ? ENOENT : QUICK_NO;
+            return !out_of_actual_mem && quick_fits(view_p) ? ENOENT : QUICK_NO;
         }
     }
 faulted:

@@ -59,6 +59,13 @@ QUICK_INLINE bool quick_args_ok(const shkv_buf *key, const shkv_buf *value)
     return LIKELY(quick_key_ok(key) && value && (value->ptr || !value->len));
 }
 
+// The same of a lookup. A value that is to take its key's place is the full lookup's: a look that starts again
+// has copied over the key.
+QUICK_INLINE bool quick_room_ok(const shkv_buf *key, const shkv_buf *value)
+{
+    return quick_args_ok(key, value) && LIKELY(key->ptr != value->ptr);
+}
+
 // hash % hashsz without a division: the low half of recip * hash is the fraction that hash leaves,
 // in units of 2^-64. Exact for every hash and every hashsz of 32 bits.
 QUICK_INLINE uint32_t bucket_by_recip(uint32_t hash, uint64_t recip, uint32_t hashsz)

@@ -6,7 +6,7 @@
 // this one's.
 //
 // It serves a handle whose view is in force (quick.h): one writer, no transaction, no rebuild, no
-// reshape, no protection of the record space, no log of calls. Up to the first store everything is
+// reshape, no protection of the record space, no log of calls, no fault that is still to be told. Up to the first store everything is
 // only read, under the caller's guard, and what could fault later is met there: the words of the
 // chain, and every page of a node that was never used. On QUICK_NO nothing is done, or it is to be
 // done again under wr_ksem; the full write begins anew, and says what there is to say.
@@ -46,7 +46,7 @@ QUICK_INLINE bool quick_write_begin(quick_write *op_p, int handle)
     op_p->sn = op_p->head->sn;
     op_p->sbm_p = (sbm *)(void *)op_p->view_p->ud_base;
     return LIKELY(op_p->head->refill_pos == 0 && !(get32(&op_p->sn->sn_flg) & (SN_DBG_WR | SN_WPROT)) &&
-                  !head_privs[handle - 1].wprot && !shkv_dbg_en);
+                  !head_privs[handle - 1].wprot && !(shkv_dbg_en | out_of_actual_mem));
 }
 
 // Walks to the record of the key, or to the chain's end. False when the walk is too long for here.
