@@ -147,6 +147,7 @@ TEST(reshape, nothing_to_reshape_to_is_refused)
     EXPECT_EQ(shkv_reshape_db("fix", 0), EINVAL);
     fixed.sn()->comm_flg = REST;
     EXPECT_EQ(shkv_reshape_db("fix", 1), EINVAL);
+    EXPECT_EQ(shkv_reshape_db(nullptr, 0), EINVAL);
     EXPECT_EQ(shkv_reshaping("fix", 0, 1, 12, 0), EINVAL);
     EXPECT_EQ(shkv_reshaping(std::string(221, 'x').c_str(), 0, 1, 0, 0), EINVAL);
     EXPECT_EQ(fixed.sn()->comm_flg, REST);
@@ -258,6 +259,20 @@ TEST(reshape, a_transaction_that_comes_in_between_keeps_it_out)
     EXPECT_EQ(shkv_open_reshaping("nowhere", UUID_RESHAPE1, 0, nullptr, SHKV_AM_RESHAPE, nullptr), 0);
 }
 
+// A transaction in a reshape whose reshaper has gone: the delete holds wr_ksem, and stages its mark under it.
+TEST(reshape, a_delete_staged_under_the_lock_does_not_wait_for_itself)
+{
+    kv store = fixed_kv("itself", 5);
+    in_child([] { return open_reshaper("itself").handle == 0; });
+    EXPECT_EQ(shkv_txn_start(store.handle, nullptr), 0);
+    const std::string key = "k3";
+    shkv_buf key_buf = buf_of(key);
+    alarm(20);
+    EXPECT_EQ(__shkv_delete(store.handle, &key_buf, 0x66), 0);
+    EXPECT_EQ(store.add("k4", "on"), 0);
+    alarm(0);
+}
+
 // A reshape that comes and goes while a write waits for the lock, after it has been made without it.
 TEST(reshape, a_delete_made_once_more_tells_what_it_found)
 {
@@ -355,6 +370,7 @@ TEST(reshape, writes_pass_the_list_by_under_drain_and_stay)
     EXPECT_TRUE(interim_empty(mover.head()->ud2_map->map[0]));
     std::string key = "k3", other = "mode";
     shkv_buf key_buf = buf_of(key), other_buf = buf_of(other);
+    EXPECT_EQ(__shkv_delete(store.handle, &key_buf, 5), EBADF);
     EXPECT_EQ(__shkv_delete(mover.handle, &key_buf, 0x77), ENOENT) << "not in the new table yet";
     EXPECT_EQ(__shkv_delete(mover.handle, &key_buf, 0x66), 0);
     EXPECT_EQ(__shkv_add(mover.handle, &other_buf, &key_buf, nullptr, 0x99), 0);

@@ -96,11 +96,12 @@ int shkv_reshaping(const char *dbname, uint32_t md_sz, uint32_t ud_sz, uint64_t 
 
 int shkv_reshape_db(const char *uri, uint32_t opflg)
 {
-    char dbname[SHKV_NAME_MAX + 1];
-    shkv_uri2dbname(uri, dbname, SHKV_NAME_MAX);
+    char dbname[SHKV_NAME_MAX + 1] = "";
+    if (uri)
+        shkv_uri2dbname(uri, dbname, SHKV_NAME_MAX);
     if (opflg != 0 && opflg != OPFLG_SAME)
         return fail(nullptr, 0, 0, EINVAL, "shkv_reshape_db, opflg mode is not supported");
-    return shkv_reshaping(dbname, 0, 1, 0, 0);
+    return shkv_reshaping(uri ? dbname : nullptr, 0, 1, 0, 0);
 }
 
 int shkv_get_nx_db_handle(int handle, uint32_t *out)
