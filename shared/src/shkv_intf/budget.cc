@@ -12,8 +12,9 @@
 #include "shkv_intf/proc.h"
 #include "shkv_intf/word.h"
 
-// Sums the sizes of the stores that the registry lists for uuid.
-static int count_usage(int reg, uint32_t uuid)
+// Sums the sizes of the stores that the registry lists for uuid. Without obj_sem, which the iteration's
+// remap step takes when the registry was reshaped meanwhile.
+static int count_usage(int reg, uint32_t uuid, uint64_t *sum_p)
 {
     int result = shkv_iterate(reg, nullptr, nullptr, nullptr, 1);
     if (result != 0) {
@@ -21,7 +22,6 @@ static int count_usage(int reg, uint32_t uuid)
             LOG("failed to iterate registry db. ");
         return result;
     }
-    uint64_t sum = 0;
     for (;;) {
         char uri[SHKV_NAME_MAX];
         reg_rec rec;
@@ -33,20 +33,16 @@ static int count_usage(int reg, uint32_t uuid)
         if (result != 0)
             return fail(nullptr, 0, 0, result, "shkv_register failed to get memory usage, uuid:%d", uuid);
         if (rec.reg_uuid == uuid)
-            sum += rec.reg_size;
+            *sum_p += rec.reg_size;
     }
-    uuid_mem_used = sum;
     return 0;
 }
 
 // Under obj_sem: two stores that two threads create pass here in turn.
-static int reserve_locked(int reg, uint32_t size, uint32_t uuid)
+static int reserve_locked(uint64_t counted, uint32_t size, uint32_t uuid)
 {
-    if (uuid_mem_used == 0) {
-        int result = count_usage(reg, uuid);
-        if (result != 0)
-            return result;
-    }
+    if (uuid_mem_used == 0)
+        uuid_mem_used = counted;
     if (size == 0)
         return 0;
     if (uuid == UUID_BIG_A || uuid == UUID_BIG_B) { // bounded per store, not together
@@ -60,14 +56,16 @@ static int reserve_locked(int reg, uint32_t size, uint32_t uuid)
     return 0;
 }
 
-// obj_sem is held over the iteration, whose remap step would wait for it for ever. It never gets
-// there: the registry does not grow, so its mappings are never out of step. A registry that could
-// grow would have to be read before the semaphore is taken.
+// What another thread has counted or taken since this one counted stands.
 static int reserve(int reg, uint32_t size, uint32_t uuid)
 {
+    uint64_t counted = 0;
+    int result = __atomic_load_n(&uuid_mem_used, __ATOMIC_RELAXED) == 0 ? count_usage(reg, uuid, &counted) : 0;
+    if (result != 0)
+        return result;
     if (sem_take(&obj_sem) == -1)
         return fail(nullptr, 0, 0, EFAULT, "db shkv semaphore wait failed,errno:%d", errno);
-    int result = reserve_locked(reg, size, uuid);
+    result = reserve_locked(counted, size, uuid);
     if (sem_give(&obj_sem) == -1)
         return fail(nullptr, 0, 0, EFAULT, "db shkv semaphore post failed,errno:%d", errno);
     return result;
