@@ -134,9 +134,12 @@ int grow_chunk(grow_op *op_p)
 {
     ud_map *ud = op_p->ud;
     op_p->step = chunk_rest(op_p->old_sz);
-    if (!chunk_fits(op_p))
-        return fail(op_p->ring_p, 0xF1, op_p->step, ENOMEM, "%s failed %lu %lu %lu", "shkv_resize_ud",
-                    (unsigned long)uuid_mem_used, (unsigned long)op_p->old_sz, (unsigned long)op_p->step);
+    if (!chunk_fits(op_p)) {
+        int result = fail(op_p->ring_p, 0xF1, op_p->step, ENOMEM, "%s failed %lu %lu %lu", "shkv_resize_ud",
+                          (unsigned long)uuid_mem_used, (unsigned long)op_p->old_sz, (unsigned long)op_p->step);
+        op_p->step = 0; // the size that the last line tells is the old one
+        return result;
+    }
     uint32_t new_sz = op_p->old_sz + op_p->step;
     LOG("%s: sharedmaping DB resize from %d to %d", "shkv_resize_ud", (int)op_p->old_sz, (int)new_sz);
     int result = lengthen(op_p);
