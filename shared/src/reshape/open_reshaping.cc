@@ -184,7 +184,7 @@ int make_space(open_op *op_p)
     const supernode *sn = op_p->sn;
     bool ud2 = op_p->new_ud == &op_p->sn->ud2;
     if (!is_fixed(sn))
-        return fail_err(op_p->ring_p, ud2 ? 0x5A : 0x5B, 0, op_p->err_p, ENOMEM,
+        return fail_err(op_p->ring_p, ud2 ? 0x5A : 0x5B, sn->conf_flg & CONF_MM_MASK, op_p->err_p, ENOMEM,
                         ud2 ? "UDO1N2 wrong MM in __shkv_open                  %d"
                             : "UDN1O2 wrong MM in __shkv_open                  %d",
                         sn->conf_flg & CONF_MM_MASK);
