@@ -132,6 +132,10 @@ int open_or_create()
 {
     uint32_t err = 0;
     int handle = shkv_open(name_of(book->gen).c_str(), 0, 0, SHKV_AM_WRITE, &err);
+    if (handle && shkv_db_heads[handle - 1].sn->comm_flg & CF_DESTROYED) { // killed right behind that mark
+        shkv_close(handle);
+        handle = 0;
+    }
     if (!handle && book->high && !book->destroying)
         return wrong("a store cannot be opened", 0, (int)err);
     if (!handle) { // killed in its creation or its destruction
