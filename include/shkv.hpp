@@ -221,12 +221,14 @@ class store
                                 const shkv_params &params = {16, 32, 2000, CONF_FIXEDMM, 0}, uint64_t hash = 0)
     {
         uint32_t err = 0;
-        return adopt(shkv_create(uri, uuid, &params, hash, &err), err);
+        const int handle = shkv_create(uri, uuid, &params, hash, &err); // before err is read
+        return adopt(handle, err);
     }
     static result<store> open(const char *uri, uint32_t uuid, uint32_t access_mode, uint64_t hash = 0)
     {
         uint32_t err = 0;
-        return adopt(shkv_open(uri, uuid, hash, access_mode, &err), err);
+        const int handle = shkv_open(uri, uuid, hash, access_mode, &err);
+        return adopt(handle, err);
     }
 
     int handle() const
@@ -324,7 +326,7 @@ class store
     static result<store> adopt(int handle, uint32_t err)
     {
         if (handle == 0)
-            return static_cast<status>(err);
+            return err == 0 ? status::lock_failed : static_cast<status>(err);
         return store(handle);
     }
     int handle_ = 0;

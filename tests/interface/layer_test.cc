@@ -1,0 +1,18 @@
+// The C++ layer where the C calls below it say no.
+#include <shkv.hpp>
+
+#include "support/store.h"
+
+using shkv::status;
+
+TEST(layer, a_store_that_does_not_come_is_an_error)
+{
+    auto made = shkv::store::create("s", 0);
+    ASSERT_TRUE(made);
+    auto again = shkv::store::create("s", 0);
+    EXPECT_EQ(status::exists, again.error());
+    auto absent = shkv::store::open("absent", 0, SHKV_AM_READ);
+    EXPECT_EQ(status::not_found, absent.error());
+    for (const auto *failed : {&again, &absent})
+        EXPECT_TRUE(!*failed && (*failed)->handle() == 0);
+}
