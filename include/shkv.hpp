@@ -16,6 +16,7 @@
 #ifndef SHKV_HPP
 #define SHKV_HPP
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <iterator>
@@ -250,10 +251,16 @@ class store
     // Removes the store for everyone. Where it fails, the handle stays and the scope closes it.
     status destroy()
     {
+        // A store that somebody else has destroyed is no failure either, but its handle stays open. Asked
+        // first: afterwards the number may be another thread's.
+        const shkv_buf key = buf("x");
+        shkv_buf none = {nullptr, 0};
+        const bool gone = shkv_lookup(handle_, &key, &none) == EBADF;
         const auto ended = static_cast<status>(shkv_destroy(handle_));
-        if (ended == status::ok)
-            handle_ = 0;
-        return ended;
+        if (ended != status::ok)
+            return ended;
+        const int handle = release();
+        return gone ? static_cast<status>(shkv_close(handle)) : ended;
     }
 
     status add(std::string_view key, std::string_view value)

@@ -202,7 +202,12 @@ class Store(MutableMapping):
 
     def destroy(self):
         """Removes the store, for all processes."""
-        self._check(_lib.shkv_destroy(self._live()))
+        # Of a store that somebody else has destroyed the handle stays open. Asked first: afterwards the
+        # number may be another thread's.
+        gone = _lib.shkv_lookup(self._live(), _buf(b"x"), Buf(None, 0)) == errno.EBADF
+        self._check(_lib.shkv_destroy(self.handle))
+        if gone:
+            self.close()
         self.handle = 0
 
     def __enter__(self):

@@ -16,3 +16,17 @@ TEST(layer, a_store_that_does_not_come_is_an_error)
     for (const auto *failed : {&again, &absent})
         EXPECT_TRUE(!*failed && (*failed)->handle() == 0);
 }
+
+TEST(layer, destroy_gives_the_handle_back_whoever_destroyed_the_store)
+{
+    for (bool by_others : {false, true}) {
+        auto db = shkv::store::create(by_others ? "gone" : "mine", 0);
+        ASSERT_TRUE(db);
+        const int handle = db->handle();
+        if (by_others)
+            shkv_db_heads[handle - 1].sn->comm_flg |= CF_DESTROYED;
+        EXPECT_EQ(status::ok, db->destroy());
+        EXPECT_EQ(0, db->handle());
+        EXPECT_EQ(nullptr, check_shkv_hdl(handle));
+    }
+}

@@ -78,6 +78,13 @@ class Module(unittest.TestCase):
             self.assertRaises(shkv.Error, lambda: reader["k"])
         self.assertRaises(shkv.Error, lambda: reader["k"])  # closed by its block
 
+    def test_a_store_destroyed_by_others_keeps_no_handle(self):
+        for _ in range(40):  # more than the handles of a process
+            db = shkv.create("gone")
+            self.assertEqual(ctl("destroy", "--force", "gone")[0], 0)
+            db.destroy()
+            self.assertEqual(db.handle, 0)
+
     def test_a_transaction_is_all_or_none(self):
         with shkv.open("py") as reader:
             with self.db.transaction():
