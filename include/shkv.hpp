@@ -95,9 +95,15 @@ template <class T> class [[nodiscard]] result
 // Largest key and value that any store holds, in bytes.
 inline constexpr uint32_t max_key = 2048, max_value = 65000, max_fixed_value = 2048;
 
+// A length for the C interface. What does not fit stays too long for every store: it is refused, not cut.
+inline uint32_t length(size_t bytes)
+{
+    return static_cast<uint32_t>(bytes < UINT32_MAX ? bytes : UINT32_MAX);
+}
+
 inline shkv_buf buf(std::string_view bytes)
 {
-    return {const_cast<char *>(bytes.data()), static_cast<uint32_t>(bytes.size())};
+    return {const_cast<char *>(bytes.data()), length(bytes.size())};
 }
 
 struct record {
@@ -277,7 +283,7 @@ class store
     result<std::string_view> get(std::string_view key, std::span<char> room) const
     {
         const shkv_buf key_buf = buf(key);
-        shkv_buf value = {room.data(), static_cast<uint32_t>(room.size())};
+        shkv_buf value = {room.data(), length(room.size())};
         const int got = shkv_lookup(handle_, &key_buf, &value);
         if (got != 0)
             return static_cast<status>(got);

@@ -1,5 +1,6 @@
 // The C++ layer where the C calls below it say no.
 #include <shkv.hpp>
+#include <sys/mman.h>
 
 #include "support/store.h"
 
@@ -29,4 +30,21 @@ TEST(layer, destroy_gives_the_handle_back_whoever_destroyed_the_store)
         EXPECT_EQ(0, db->handle());
         EXPECT_EQ(nullptr, check_shkv_hdl(handle));
     }
+}
+
+TEST(layer, lengths_beyond_32_bits_are_refused)
+{
+    const size_t more = (size_t{1} << 32) + 5;
+    char *bytes = (char *)mmap(nullptr, more, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(MAP_FAILED, bytes);
+    char room[8];
+    for (uint32_t kind : {CONF_FIXEDMM, CONF_VECTORMM}) {
+        auto db = shkv::store::create(kind == CONF_FIXEDMM ? "f" : "v", 0, {16, 32, 100, kind, 0});
+        ASSERT_TRUE(db);
+        ASSERT_EQ(status::ok, db->add({bytes, 5}, "v"));
+        EXPECT_EQ(status::invalid, db->add("k", {bytes, more}));
+        EXPECT_EQ(status::invalid, db->add({bytes, more}, "v"));
+        EXPECT_EQ("v", *db->get({bytes, 5}, std::span<char>(room, more)));
+    }
+    munmap(bytes, more);
 }
