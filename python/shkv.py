@@ -74,6 +74,7 @@ def _load():
 
 
 _lib = _load()
+MAX_32 = 2**32 - 1
 
 
 def _bytes(text):
@@ -83,8 +84,23 @@ def _bytes(text):
 
 
 def _buf(data):
-    """A Buf over data, which the caller keeps alive; no byte is copied."""
-    return Buf(ctypes.cast(ctypes.c_char_p(data), ctypes.c_void_p), len(data))
+    """A Buf over data, which the caller keeps alive; no byte is copied. A length that does not fit stays too
+    long for every store."""
+    return Buf(ctypes.cast(ctypes.c_char_p(data), ctypes.c_void_p), min(len(data), MAX_32))
+
+
+def _name(name):
+    name = os.fsencode(name)
+    if b"\0" in name:  # the library would see what is before it
+        raise ValueError("embedded null byte")
+    return name
+
+
+def _fits(most, **numbers):
+    """ctypes cuts what is too wide for a field."""
+    for name, number in numbers.items():
+        if not 0 <= number <= most:
+            raise ValueError(f"{name} is {number}, and goes from 0 to {most}")
 
 
 class Store(MutableMapping):
@@ -176,6 +192,7 @@ class Store(MutableMapping):
     @contextlib.contextmanager
     def transaction(self, expected=500):
         """The block's changes, all or none: committed at its end, dropped when it raises."""
+        _fits(MAX_32, expected=expected)
         self._check(_lib.shkv_txn_start(self._live(), ctypes.c_uint32(expected)))
         try:
             yield self
@@ -228,12 +245,15 @@ def _store(name, handle, err):
 
 def create(name, uuid=0, max_key=16, max_value=32, records=2000, kind=FIXED, flags=0, arg=0):
     """Makes a store and opens it for writing. uuid: the service whose budget pays for it (0: none)."""
+    _fits(2**16 - 1, max_key=max_key, max_value=max_value)
+    _fits(MAX_32, uuid=uuid, records=records, kind=kind, flags=flags, arg=arg)
     err = ctypes.c_uint32(0)
     params = Params(max_key, max_value, records, kind | flags, arg)
-    return _store(name, _lib.shkv_create(os.fsencode(name), uuid, params, 0, err), err)
+    return _store(name, _lib.shkv_create(_name(name), uuid, params, 0, err), err)
 
 
 def open(name, mode=READ | ITER, uuid=0):
     """Opens a store: for reading and iteration, or with mode=WRITE as its writer."""
+    _fits(MAX_32, mode=mode, uuid=uuid)
     err = ctypes.c_uint32(0)
-    return _store(name, _lib.shkv_open(os.fsencode(name), uuid, 0, mode, err), err)
+    return _store(name, _lib.shkv_open(_name(name), uuid, 0, mode, err), err)

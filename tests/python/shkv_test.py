@@ -78,6 +78,18 @@ class Module(unittest.TestCase):
             self.assertRaises(shkv.Error, lambda: reader["k"])
         self.assertRaises(shkv.Error, lambda: reader["k"])  # closed by its block
 
+    def test_nothing_is_cut(self):
+        cases = [dict(name="one\0two"), dict(max_key=65552), dict(max_value=65568), dict(records=2**32 + 100)]
+        for case in cases + [dict(uuid=2**32 + 7), dict(flags=2**32), dict(arg=-1), dict(records=-1)]:
+            with self.subTest(case), self.assertRaises(ValueError):
+                shkv.create(**{"name": "cut", **case})
+        for name, case in (("py\0x", {}), ("py", {"uuid": 2**32}), ("py", {"mode": 2**32 + shkv.READ})):
+            with self.subTest(case), self.assertRaises(ValueError):
+                shkv.open(name, **case)
+        with self.assertRaises(ValueError), self.db.transaction(2**32):
+            pass
+        self.assertEqual([store["store"] for store in ctl("ls")[1]], ["py"])
+
     def test_a_store_destroyed_by_others_keeps_no_handle(self):
         for _ in range(40):  # more than the handles of a process
             db = shkv.create("gone")
