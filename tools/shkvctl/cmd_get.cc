@@ -1,5 +1,6 @@
 // get: prints values; several keys go through the library's batch lookup.
 #include <errno.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -16,10 +17,10 @@ struct Args {
 
 void print_value(const Args &args, const std::string &value)
 {
-    if (args.raw)
-        fwrite(value.data(), 1, value.size(), out());
-    else
+    if (!args.raw)
         fmt::print(out(), "{}\n", args.hex ? to_hex(value) : escape(value, true));
+    else if (fwrite(value.data(), 1, value.size(), out()) != value.size())
+        throw output_failure();
 }
 
 void print_found(const Args &args, const Context &ctx, const std::string &key, const std::string *value)

@@ -40,17 +40,42 @@ FILE *out()
     return real_stdout;
 }
 
+// Whatever is printed where no standard output is open is lost, and must not pass for written.
+static FILE *closed_stdout()
+{
+    cookie_io_functions_t refuse = {};
+    refuse.write = [](void *, const char *, size_t) -> ssize_t {
+        errno = EBADF;
+        return 0;
+    };
+    return fopencookie(nullptr, "w", refuse);
+}
+
 void take_over_stdout()
 {
     int real = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
     int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    FILE *stream = real >= 0 ? fdopen(real, "w") : nullptr;
+    FILE *stream = real >= 0 ? fdopen(real, "w") : closed_stdout();
     if (stream && null >= 0) {
         real_stdout = stream;
         dup2(null, STDOUT_FILENO);
     }
     if (null > STDERR_FILENO)
         close(null);
+}
+
+Failure output_failure()
+{
+    int err = errno;
+    return {EXIT_ERROR, err, fmt::format("cannot write the output: {}", strerror(err))};
+}
+
+void finish_output()
+{
+    if (fflush(out()) != 0)
+        throw output_failure();
+    if (ferror(out()))
+        throw Failure(EXIT_ERROR, 0, "some of the output could not be written");
 }
 
 void print_json(const Json &value)
@@ -68,7 +93,8 @@ void name_command(const char *name)
 void warn(const std::string &text)
 {
     fflush(out());
-    fmt::print(stderr, "shkvctl{}{}: {}\n", command_name ? " " : "", command_name ? command_name : "", text);
+    std::string who = command_name ? fmt::format("shkvctl {}", command_name) : "shkvctl";
+    fputs(fmt::format("{}: {}\n", who, text).c_str(), stderr); // which may be closed: no failure of its own
 }
 
 std::atomic<bool> interrupted;

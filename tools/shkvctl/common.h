@@ -40,6 +40,8 @@ std::string errno_words(int err); // "EINVAL, bad argument or refused"
 // start-up on: a delete of a missing key writes a line there that is not for the tool's readers.
 FILE *out();
 void take_over_stdout();
+Failure output_failure(); // errno says why
+void finish_output();     // throws when some of it is lost
 template <typename... Args> void say(const Context &ctx, fmt::format_string<Args...> text, Args &&...args)
 {
     if (!ctx.quiet && !ctx.json)

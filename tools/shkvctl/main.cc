@@ -42,8 +42,7 @@ static int run(const Context &ctx, const Bound &chosen)
             throw Failure(EXIT_ERROR, errno,
                           fmt::format("cannot write the log {}: {}", ctx.log_path, strerror(errno)));
         int exit_code = chosen.run();
-        if (fflush(out()) != 0)
-            throw Failure(EXIT_ERROR, errno, fmt::format("cannot write the output: {}", strerror(errno)));
+        finish_output();
         return exit_code;
     } catch (const Failure &failure) {
         return report(ctx, *chosen.command, failure);
@@ -65,8 +64,14 @@ static int usage_error(const Context &ctx, const std::string &what, const char *
 
 static int print_help(const std::string &text)
 {
-    fmt::print(out(), "{}", text);
-    return EXIT_OK;
+    try {
+        fmt::print(out(), "{}", text);
+        finish_output();
+        return EXIT_OK;
+    } catch (const std::exception &error) {
+        warn(error.what());
+        return EXIT_ERROR;
+    }
 }
 
 int main(int argc, char **argv)
@@ -74,8 +79,8 @@ int main(int argc, char **argv)
     take_over_stdout();
     std::string word = argc > 1 ? argv[1] : "--help";
     if (word == "--help" || word == "-h" || (word == "help" && argc == 2)) {
-        print_help(help_all());
-        return argc > 1 ? EXIT_OK : EXIT_USAGE;
+        int exit_code = print_help(help_all());
+        return argc > 1 ? exit_code : EXIT_USAGE;
     }
     if (word == "--version")
         return print_help("shkvctl " SHKV_VERSION "\n");
