@@ -21,6 +21,11 @@ TEST(shkvctl, records_go_in_and_come_out)
         {"set s --hex 00ff 0a5c", 0, "stored \\x00\\xff, 2 bytes\n"},
         {"get s --hex 00ff", 0, "0a5c\n"},
         {"get s --hex 00ff --raw", 0, "\n\\"},
+        // Output that is lost is a failure, and output that nobody asked for is none.
+        {"!for o in 'k --raw' k '--hex 00ff --raw' '--help'; do shkvctl get s $o > /dev/full; echo $?; done", 0,
+         "~^(.*No space left.*\n3\n){4}$"},
+        {"!shkvctl get s k --raw >&-; shkvctl --help >&- 2>&-; echo $?; shkvctl set s k longer -q >&-", 0,
+         "~^.*Bad file descriptor.*\n3\n$"},
         {"!printf 'a\\nb' | shkvctl set s f @-; shkvctl get s f", 0, "stored f, 3 bytes\na\nb\n"},
         {"scan s --prefix f", 0, "f\ta\\nb\n"},
         {"scan s --count", 0, "4\n"},
@@ -81,6 +86,12 @@ TEST(shkvctl, loads_whole_files_or_nothing)
         {"!cd /dev/shm; for s in s t; do shkvctl scan $s | sort > $s; done; sort all | cmp s - && cmp s t", 0, ""},
         {R"(!printf '%s\n' '{"key_hex":"00ff","value":"t\tab"}' 'plain\\\x41	x' | shkvctl load t -q; )"
          R"(shkvctl get t --hex 00ff; shkvctl get t 'plain\A')", 0, "74096162\nx\n"},
+        // However deep a line is nested, it is a bad line.
+        {R"(!nest() { echo "{\"key\":\"k\",\"value\":\"v\",\"x\":$(printf "[%.0s" $(seq $1))$(printf "]%.0s" $(seq $1))}"; }; )"
+         "nest 60 | shkvctl load t -q && nest 70 | shkvctl load t", 3, "~line 1: no JSON object"},
+        {"!head -c 300000 /dev/zero | tr '\\0' '[' > /dev/shm/deep; shkvctl apply t /dev/shm/deep; "
+         "(printf '{\"a\":'; cat /dev/shm/deep; tr [ ] < /dev/shm/deep; echo }) | shkvctl load t", 3,
+         "~^.*apply: .*line 1: no JSON object(.|\n)*load: .*line 1: no JSON object"},
     });
 }
 

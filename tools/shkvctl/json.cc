@@ -146,8 +146,15 @@ static Json value_of(const Printed &parsed)
 
 std::optional<Json> Json::parse(std::string_view text)
 {
-    Printed parsed = Printed::parse(text, nullptr, false);
-    if (parsed.is_discarded())
+    // What is nested deeper is never built: values are copied and destroyed by recursion.
+    constexpr int depth_max = 64;
+    bool too_deep = false;
+    auto keep = [&](int depth, Printed::parse_event_t, Printed &) {
+        too_deep |= depth > depth_max;
+        return !too_deep;
+    };
+    Printed parsed = Printed::parse(text, keep, false);
+    if (too_deep || parsed.is_discarded())
         return std::nullopt;
     return value_of(parsed);
 }

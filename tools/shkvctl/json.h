@@ -35,7 +35,7 @@ class Json
     Json &operator=(Json &&) noexcept;
     ~Json();
 
-    static std::optional<Json> parse(std::string_view text); // none: it is no JSON
+    static std::optional<Json> parse(std::string_view text); // none: it is no JSON, or too deep
     const Json *find(std::string_view name) const;           // null when this is no object that has it
     const std::string *text() const;                         // null when this is no text
     const uint64_t *count() const;                           // null when this is no whole number from 0 on
