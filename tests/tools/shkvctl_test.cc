@@ -45,6 +45,9 @@ TEST(shkvctl, wrong_usage_says_so)
     play({
         {"", 2, "~^shkvctl: look into.*\n"},
         {"nosuch", 2, "shkvctl: there is no command 'nosuch'\nsee: shkvctl --help\n"},
+        {"nosuch --json", 2, "{\"error\":\"there is no command 'nosuch'\",\"command\":\"\"}\n"},
+        {"!for n in -1 18446744073709551616 -18446744073709551615; do shkvctl scan s --limit $n; echo $?; "
+         "shkvctl create s --entries $n; echo $?; done", 0, "~^(.*--(limit|entries).*\nsee: .*\n2\n){6}$"},
         {"set s", 2, "~KEY is required"},
         {"get s k --nope", 2, "~no option '--nope'"},
         {"get '' k", 2, "shkvctl get: '' names no store\n"},
@@ -86,6 +89,11 @@ TEST(shkvctl, loads_whole_files_or_nothing)
         {"!cd /dev/shm; for s in s t; do shkvctl scan $s | sort > $s; done; sort all | cmp s - && cmp s t", 0, ""},
         {R"(!printf '%s\n' '{"key_hex":"00ff","value":"t\tab"}' 'plain\\\x41	x' | shkvctl load t -q; )"
          R"(shkvctl get t --hex 00ff; shkvctl get t 'plain\A')", 0, "74096162\nx\n"},
+        // Records whose line would pass for JSON, or for a dump's own, and one whose line does not.
+        {R"(!shkvctl create j -q; j() { shkvctl set j "$1" "$2" -q; }; j '{"key":"x",' '"value":"y"}'; j '{x}:1' z; )"
+         R"(j '{"shkv_dump":1' '}'; cd /dev/shm; shkvctl scan j | tee j1 | sort -r; shkvctl dump j -q --format tsv > j2; )"
+         "for i in 1 2; do shkvctl create c$i -q; shkvctl load c$i j$i -q; shkvctl scan c$i | cmp - j1; done", 0,
+         "{x}:1\tz\n\\x7b\"shkv_dump\":1\t}\n\\x7b\"key\":\"x\",\t\"value\":\"y\"}\n"},
         // However deep a line is nested, it is a bad line.
         {R"(!nest() { echo "{\"key\":\"k\",\"value\":\"v\",\"x\":$(printf "[%.0s" $(seq $1))$(printf "]%.0s" $(seq $1))}"; }; )"
          "nest 60 | shkvctl load t -q && nest 70 | shkvctl load t", 3, "~line 1: no JSON object"},

@@ -1,6 +1,7 @@
 // scan: prints all records of a store.
 
 #include "shkvctl/common.h"
+#include "shkvctl/lines.h"
 #include "shkvctl/raw_records.h"
 
 namespace
@@ -20,10 +21,12 @@ void print_record(const Args &args, const Context &ctx, const std::string &key, 
             json_put(rec, "value", value);
         return print_json(rec);
     }
-    fmt::print(out(), "{}", args.hex ? to_hex(key) : escape(key));
-    if (!args.keys)
-        fmt::print(out(), "\t{}", args.hex ? to_hex(value) : escape(value));
-    fmt::print(out(), "\n");
+    if (args.keys)
+        fmt::print(out(), "{}\n", args.hex ? to_hex(key) : escape(key));
+    else if (args.hex)
+        fmt::print(out(), "{}\t{}\n", to_hex(key), to_hex(value));
+    else
+        fmt::print(out(), "{}", tsv_line(key, value));
 }
 
 int scan(const Args &args, const Context &ctx)

@@ -42,7 +42,7 @@ std::string meta_line(Format format, const Json &meta)
 std::string record_line(Format format, const std::string &key, const std::string &value)
 {
     if (format == Format::TSV)
-        return escape(key) + "\t" + escape(value) + "\n";
+        return tsv_line(key, value);
     Json rec = Json::object();
     json_put(rec, "key", key);
     json_put(rec, "value", value);
@@ -77,11 +77,13 @@ DumpedStore dumped_store(const Json &head)
 }
 
 // The object of a line that begins or ends a dump.
-static std::optional<Json> meta_of(const std::string &line)
+static std::optional<Json> meta_of(const std::string &line, bool in_tsv)
 {
     std::string_view text = line;
     if (text.starts_with('\t'))
         text.remove_prefix(1);
+    else if (in_tsv) // a key that begins so
+        return std::nullopt;
     if (!text.starts_with("{\"shkv_dump"))
         return std::nullopt;
     std::optional<Json> meta = Json::parse(text);
@@ -127,7 +129,7 @@ void RecordReader::at_meta(const Json &meta)
 bool RecordReader::next_line(bool records_too)
 {
     while (lines_.next(&line_)) {
-        std::optional<Json> meta = meta_of(line_);
+        std::optional<Json> meta = meta_of(line_, in_dump_ && in_format_ == Format::TSV);
         if (meta)
             at_meta(*meta);
         else if (in_dump_)

@@ -96,6 +96,14 @@ Record parse_record(const LineReader &reader, const std::string &line, Format fo
     return rec;
 }
 
+std::string tsv_line(const std::string &key, const std::string &value)
+{
+    std::string line = escape(key) + "\t" + escape(value);
+    if (line[0] == '{' && Json::parse(line)) // it would pass for a JSON object, or a dump's own line
+        line.replace(0, 1, "\\x7b");
+    return line + "\n";
+}
+
 Record parse_change(const LineReader &reader, const std::string &line)
 {
     Json obj = parse_object(reader, line);

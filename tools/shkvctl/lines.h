@@ -53,4 +53,5 @@ enum class Format { AUTO, TSV, JSONL };
 
 // AUTO takes a line that begins with '{' for JSON. A bad line throws Failure with its place.
 Record parse_record(const LineReader &reader, const std::string &line, Format format);
+std::string tsv_line(const std::string &key, const std::string &value); // what AUTO reads back
 Record parse_change(const LineReader &reader, const std::string &line);
