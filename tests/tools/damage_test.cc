@@ -199,6 +199,12 @@ TEST(shkvctl_dump, that_is_not_as_it_was_written_is_refused)
         {"load u /dev/null --create", 3, "~is no dump"},
         {"dump s /dev/shm/no/where", 3, "~cannot write /dev/shm/no/where"},
         {"!shkvctl dump s > /dev/full", 3, "~No space left"},
+        // What is no regular file is written as it is; a link keeps leading where it did.
+        {"!cd /dev/shm; mkfifo pipe; ln -s d link; for c in 'dump s' 'stat s --map' 'top --prometheus'; do rm -f d got fresh; "
+         "ln -sf fresh new; echo old > d; cat pipe > got & shkvctl $c pipe -q; [ -p pipe ] && wait; shkvctl $c link -q; "
+         "shkvctl $c new -q; for f in got d fresh; do head -1 $f; done | uniq | wc -l; ls -F | grep '[@|]' | xargs; done",
+         0, "1\nlink@ new@ pipe|\n1\nlink@ new@ pipe|\n1\nlink@ new@ pipe|\n"},
+        {"!shkvctl dump s /dev/stdout -q | wc -l", 0, "52\n"},
         {"!ls /dev/shm/*.part", 2, "~No such"},
     });
 }

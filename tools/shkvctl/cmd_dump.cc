@@ -1,12 +1,11 @@
 // dump: all records into a file, with a checksum, also of a damaged store.
 #include <errno.h>
-#include <string.h>
-#include <unistd.h>
 
 #include <optional>
 
 #include "shkvctl/common.h"
 #include "shkvctl/dump_format.h"
+#include "shkvctl/output_file.h"
 #include "shkvctl/progress.h"
 #include "shkvctl/raw_records.h"
 
@@ -17,52 +16,6 @@ struct Args {
     bool exact = false;
 };
 
-// Lines into standard output, or into a file that gets its name when it is whole.
-class DumpFile
-{
-  public:
-    explicit DumpFile(const std::string &path) : path_(path), part_(path + ".part")
-    {
-        file_ = path == "-" ? out() : fopen(part_.c_str(), "we");
-        if (!file_)
-            throw failure(part_);
-    }
-    ~DumpFile()
-    {
-        if (file_ && path_ != "-") {
-            fclose(file_);
-            unlink(part_.c_str());
-        }
-    }
-    DumpFile(const DumpFile &) = delete;
-
-    void write(const std::string &line)
-    {
-        if (fwrite(line.data(), 1, line.size(), file_) != line.size())
-            throw failure(path_);
-    }
-    void finish()
-    {
-        FILE *file = std::exchange(file_, nullptr);
-        bool whole = fflush(file) == 0;
-        if (path_ != "-")
-            whole = fclose(file) == 0 && whole && rename(part_.c_str(), path_.c_str()) == 0;
-        if (!whole)
-            throw failure(path_);
-    }
-
-  private:
-    static Failure failure(const std::string &path)
-    {
-        int err = errno;
-        return {EXIT_ERROR, err,
-                fmt::format("cannot write {}: {}", path == "-" ? "the dump" : path, strerror(err))};
-    }
-
-    std::string path_, part_;
-    FILE *file_;
-};
-
 const char *manner_words(bool held, bool unchanged)
 {
     return held        ? "exact: held the writer's place"
@@ -70,7 +23,7 @@ const char *manner_words(bool held, bool unchanged)
                        : "taken beside a writer: each record whole, not all of one moment";
 }
 
-WalkSum write_records(const Args &args, const Context &ctx, RawStore &raw, DumpFile &file, Digest &digest)
+WalkSum write_records(const Args &args, const Context &ctx, RawStore &raw, OutputFile &file, Digest &digest)
 {
     Format format = args.format == "tsv" ? Format::TSV : Format::JSONL;
     Progress progress(ctx, "dumping " + args.uri, raw.md(raw.active_md()).hashsz);
@@ -104,7 +57,7 @@ WalkSum write_records(const Args &args, const Context &ctx, RawStore &raw, DumpF
 
 void summarize(const Args &args, const Context &ctx, const WalkSum &sum, const std::string &sha)
 {
-    FILE *to = args.file == "-" ? stderr : out();
+    FILE *to = is_stdout(args.file) ? stderr : out();
     if (ctx.json) {
         Json done = {{"store", args.uri},  {"records", sum.records},         {"exact", sum.unchanged},
                      {"held", args.exact}, {"damaged_records", sum.damaged}, {"broken_chains", sum.cut_chains},
@@ -139,7 +92,7 @@ int dump(const Args &args, const Context &ctx)
     if (raw.is(CF_TXN))
         warn(fmt::format("store '{}' has an open transaction; what is staged is not in the dump", args.uri));
     Digest digest;
-    DumpFile file(args.file);
+    OutputFile file(args.file);
     WalkSum sum = write_records(args, ctx, raw, file, digest);
     if (interrupted) {
         warn("interrupted: the dump is not complete");

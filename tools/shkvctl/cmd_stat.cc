@@ -5,6 +5,7 @@
 #include "shkvctl/common.h"
 #include "shkvctl/listing.h"
 #include "shkvctl/names.h"
+#include "shkvctl/output_file.h"
 #include "shkvctl/procs.h"
 #include "shkvctl/report.h"
 #include "shkvctl/sample.h"
@@ -172,7 +173,7 @@ int stat(const Args &args, const Context &ctx)
     if (!raw.exists() || !raw.complete())
         check_readable(args.uri, raw); // throws
     if (!args.map.empty()) {
-        write_atomically(args.map, store_map_svg(raw));
+        write_whole(args.map, store_map_svg(raw));
         say(ctx, "drew store '{}' into {}\n", args.uri, args.map);
         return EXIT_OK;
     }

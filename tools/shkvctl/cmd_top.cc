@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "shkvctl/common.h"
+#include "shkvctl/output_file.h"
 #include "shkvctl/sample.h"
 
 // curses calls its macros so; the standard library does not like it.
@@ -165,7 +166,7 @@ void print_samples(const Args &args, const Context &ctx)
     for (std::optional<Sample> last; !interrupted;) {
         Sample sample = sampler.take();
         if (!args.prometheus.empty())
-            write_atomically(args.prometheus, prometheus_text(sample));
+            write_whole(args.prometheus, prometheus_text(sample));
         else if (ctx.json)
             print_json(json_sample(sample));
         else

@@ -176,23 +176,3 @@ std::string prometheus_text(const Sample &sample)
     }
     return text;
 }
-
-// The collector reads all files *.prom of its directory at any moment: it meets the old file or
-// the new one, and never the temporary one, which has another ending.
-void write_atomically(const std::string &path, const std::string &text)
-{
-    std::string temp = fmt::format("{}.{}.tmp", path, getpid());
-    FILE *file = fopen(temp.c_str(), "we");
-    bool ok = file && fwrite(text.data(), 1, text.size(), file) == text.size() && fflush(file) == 0 &&
-              fchmod(fileno(file), 0644) == 0;
-    int err = errno;
-    if (file && fclose(file) != 0 && ok) {
-        err = errno;
-        ok = false;
-    }
-    if (ok && rename(temp.c_str(), path.c_str()) == 0)
-        return;
-    err = ok ? errno : err;
-    unlink(temp.c_str());
-    throw Failure(EXIT_ERROR, err, fmt::format("cannot write {}: {}", path, strerror(err)));
-}

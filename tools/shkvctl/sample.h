@@ -49,4 +49,3 @@ class Sampler
 
 Json json_sample(const Sample &sample);
 std::string prometheus_text(const Sample &sample);
-void write_atomically(const std::string &path, const std::string &text); // throws Failure
