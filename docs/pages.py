@@ -65,7 +65,8 @@ def events_page(tool):
     for event in map(json.loads, ask(tool, "trace", "--list").splitlines()):
         messages = "<br>".join(m if m[0] == "(" else f"`{m}`" for m in event["messages"])
         functions = re.sub(r"\w+", r"`\g<0>`", event["function"])
-        cells = (f"0x{event['event']:02X}", event["severity"], functions, messages, event["value"], event["second"])
+        second = event.get("second", "")
+        cells = (f"0x{event['event']:02X}", event["severity"], functions, messages, event["value"], second)
         text += "".join(f"| {cell} " for cell in cells) + "|\n"
     return text
 

@@ -55,7 +55,7 @@ class Events(unittest.TestCase):
             texts = [plain(t) for t in texts if t != "%s"]
             from_callers += not ids
             for no, event in enumerate(ids):
-                self.assertEqual(name.endswith("pair"), table[event]["second"] != "", hex(event))
+                self.assertEqual(name.endswith("pair"), "second" in table[event], hex(event))
                 one_each = len(ids) > 1 and len(texts) == len(ids)
                 said.setdefault(event, set()).update([texts[no]] if one_each else texts)
         # Sites that get their event from a caller: the supernode's object, a mapping, a directory, a

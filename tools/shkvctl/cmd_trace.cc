@@ -94,12 +94,14 @@ void print_list(const Context &ctx)
     for (const Event &event : events()) {
         auto texts = event_texts(event);
         if (ctx.json) {
-            print_json({{"event", event.id},
-                        {"severity", severity_name(event.severity)},
-                        {"function", event.functions},
-                        {"messages", texts},
-                        {"value", event.value.words},
-                        {"second", event.second.words}});
+            Json line = {{"event", event.id},
+                         {"severity", severity_name(event.severity)},
+                         {"function", event.functions},
+                         {"messages", texts},
+                         {"value", event.value.words}};
+            if (*event.second.words)
+                line["second"] = event.second.words;
+            print_json(line);
             continue;
         }
         fmt::print(out(), "{:#04x} {:<8} {}: {}{}{}\n", event.id, severity_name(event.severity),

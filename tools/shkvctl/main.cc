@@ -86,8 +86,10 @@ int main(int argc, char **argv)
         return print_help("shkvctl " SHKV_VERSION "\n");
     bool help = word == "help";
     const Command *command = find_command(help ? argv[2] : word);
+    Context unparsed; // for a line that makes no sense
+    unparsed.json = std::find(argv + 1, argv + argc, std::string("--json")) != argv + argc;
     if (!command)
-        return usage_error({}, fmt::format("there is no command '{}'", help ? argv[2] : word), "");
+        return usage_error(unparsed, fmt::format("there is no command '{}'", help ? argv[2] : word), "");
 
     name_command(command->name);
     Context ctx;
@@ -100,9 +102,7 @@ int main(int argc, char **argv)
     Arguments::Parsed parsed = app.parse(argc - 1, argv + 1, &why);
     if (parsed == Arguments::HELP_WANTED)
         return print_help(help_of(app, *command));
-    if (parsed == Arguments::WRONG) {
-        ctx.json = std::find(argv + 1, argv + argc, std::string("--json")) != argv + argc; // parsed or not
-        return usage_error(ctx, why, command->name);
-    }
+    if (parsed == Arguments::WRONG)
+        return usage_error(unparsed, why, command->name);
     return run(ctx, chosen);
 }
