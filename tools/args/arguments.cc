@@ -1,6 +1,9 @@
 // Arguments, over CLI11.
 #include "args/arguments.h"
 
+#include <errno.h>
+#include <stdlib.h>
+
 #include <CLI/CLI.hpp>
 
 Argument Argument::required()
@@ -67,14 +70,22 @@ Argument Arguments::add_option(const std::string &names, int &into, const std::s
     return Argument(app_->add_option(names, into, words));
 }
 
+// CLI11 reads with strtoull and looks neither at its errno nor for a sign: -1 and 2^64 are the largest number.
+static std::string check_unsigned(const std::string &text)
+{
+    errno = 0;
+    strtoull(text.c_str(), nullptr, 0);
+    return errno == ERANGE || text.find('-') != std::string::npos ? text + " is out of range" : "";
+}
+
 Argument Arguments::add_option(const std::string &names, uint32_t &into, const std::string &words)
 {
-    return Argument(app_->add_option(names, into, words));
+    return Argument(app_->add_option(names, into, words)->check(check_unsigned));
 }
 
 Argument Arguments::add_option(const std::string &names, uint64_t &into, const std::string &words)
 {
-    return Argument(app_->add_option(names, into, words));
+    return Argument(app_->add_option(names, into, words)->check(check_unsigned));
 }
 
 Argument Arguments::add_option(const std::string &names, double &into, const std::string &words)
