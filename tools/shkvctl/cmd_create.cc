@@ -65,6 +65,10 @@ Failure create_failure(const Args &args, const shkv_params &params, uint32_t err
     if (err == EINVAL && args.l3 && (params.maxksz + params.maxvsz) * params.maxents > 0x20000)
         return {EXIT_ERROR, (int)err, fmt::format("store '{}' is too large for --write-protected", args.uri),
                 "(--key-max + --value-max) * --entries may be 131072 at most"};
+    if (err == ENOMEM && !has_budget(args.uuid))
+        return {EXIT_ERROR, (int)err,
+                fmt::format("store '{}' takes {}, and /dev/shm has no room for it", args.uri, human_size(size)),
+                "see what fills it with: shkvctl doctor"};
     if (err == ENOMEM)
         return {EXIT_ERROR, (int)err,
                 fmt::format("store '{}' takes {}, more than is left of the budget of service {}", args.uri,

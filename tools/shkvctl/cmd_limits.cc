@@ -20,11 +20,6 @@ struct Use {
     uint64_t stores = 0, bytes = 0;
 };
 
-bool exempt(uint32_t uuid)
-{
-    return uuid == UUID_NONE || uuid == UUID_BIG_A || uuid == UUID_BIG_B || uuid == UUID_REGISTRY;
-}
-
 std::map<uint32_t, Use> uses(const Args &args)
 {
     std::map<uint32_t, Use> by_uuid;
@@ -72,7 +67,7 @@ int limits(const Args &args, const Context &ctx)
         Json services = Json::array();
         for (const auto &[uuid, use] : by_uuid) {
             services.push_back({{"uuid", uuid}, {"stores", use.stores}, {"bytes", use.bytes}});
-            if (!exempt(uuid))
+            if (has_budget(uuid))
                 services.back()["left"] = budget - std::min(budget, use.bytes);
         }
         print_json(
@@ -84,7 +79,7 @@ int limits(const Args &args, const Context &ctx)
     std::vector<std::vector<std::string>> rows = {{"  SERVICE", ">STORES", ">USES", ">LEFT"}};
     for (const auto &[uuid, use] : by_uuid)
         rows.push_back({"  " + uuid_words(uuid), thousands(use.stores), human_size(use.bytes),
-                        exempt(uuid) ? "no budget" : human_size(budget - std::min(budget, use.bytes))});
+                        has_budget(uuid) ? human_size(budget - std::min(budget, use.bytes)) : "no budget"});
     fmt::print(out(), "services\n{}", rows.size() > 1 ? table(rows) : "  none has a store\n");
     return EXIT_OK;
 }

@@ -124,6 +124,7 @@ int run_reshape(const Args &args, const Context &ctx, const Plan &plan)
 
 int reshape(const Args &args, const Context &ctx)
 {
+    refuse_registry(args.uri);
     work_out_limits();
     RawStore raw(dbname_of(args.uri));
     check_readable(args.uri, raw);

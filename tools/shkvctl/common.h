@@ -68,6 +68,7 @@ inline shkv_buf buf_of(const std::string &bytes)
 
 std::string dbname_of(const std::string &uri); // throws when the uri names no store
 bool registry_exists();
+void refuse_registry(const std::string &uri); // throws when the library alone may change the store
 
 class RawStore;
 struct WalkSum;
@@ -131,5 +132,7 @@ class Store
 // The library works out what this process may use at its first create; a tool that only opens
 // asks for it here (SYSMGR_MMAP_LIMIT), before it lets a store grow.
 void work_out_limits();
+
+bool has_budget(uint32_t uuid); // shared by the stores of this service
 
 constexpr uint32_t MAX_KEY = 2048, MAX_VALUE = 65000; // what any store takes

@@ -37,6 +37,11 @@ void work_out_limits()
     shkv_create("limits", UUID_REGISTRY, &none, 0, &err);
 }
 
+bool has_budget(uint32_t uuid)
+{
+    return uuid != UUID_NONE && uuid != UUID_BIG_A && uuid != UUID_BIG_B && uuid != UUID_REGISTRY;
+}
+
 // ---- Why a store does not open ----
 
 // The library's own log while it lives, in memory: its last line is the reason of a refusal that
@@ -142,8 +147,21 @@ Failure open_failure(const std::string &uri, bool write, uint32_t err, const std
                         words.empty() ? "" : "; the library says: ", words)};
 }
 
+void refuse_registry(const std::string &uri)
+{
+    if (dbname_of(uri) == SHKV_REGISTRY_NAME)
+        throw Failure::usage("'{}' is the registry, which only the library changes", uri);
+}
+
+static const std::string &may_open(const std::string &uri, Store::Mode mode)
+{
+    if (mode == Store::WRITE)
+        refuse_registry(uri);
+    return uri;
+}
+
 Store::Store(const std::string &uri, Mode mode)
-    : Store(uri, UUID_NONE, mode == WRITE ? SHKV_AM_WRITE : SHKV_AM_READ)
+    : Store(may_open(uri, mode), UUID_NONE, mode == WRITE ? SHKV_AM_WRITE : SHKV_AM_READ)
 {
 }
 
