@@ -61,6 +61,9 @@ TEST(shkvctl, wrong_usage_says_so)
         {"set-opts s", 2, "~nothing to set"},
         {"cleanup 0", 2, "~--yes"},
         {"destroy ovo_shkv_registry_db", 2, "~is not destroyed"},
+        {"!shkvctl create r -q; r=x:ovo_shkv_registry_db; shkvctl get $r r | wc -c; for c in \"set $r k v\" \"del $r r\" \"load $r\" "
+         "\"reshape $r\" \"txn start $r\" \"set-opts $r --grow off\"; do shkvctl $c < /dev/null 2> /dev/null; echo $?; done | "
+         "uniq; shkvctl destroy r", 0, "~^[1-9][0-9]*\n2\ndestroyed store 'r'\n$"},
         {"completion fish", 2, "~fish"},
         {"!shkvctl --help | sed -n 's/^  \\([a-z-]*\\) .*/\\1/p' | while read c; do shkvctl $c --help | grep -qz "
          "'^usage: shkvctl.*--json.*examples' || echo $c; done; shkvctl --help | grep -c '^  [a-z]'", 0, "~^2[0-9]\n$"},
@@ -120,6 +123,8 @@ TEST(shkvctl, a_full_store_says_what_to_do)
         {"create far --entries 10000000", 3, "~'far' would take .* MiB, and this process may make stores of 32.0 MiB"},
         {"create mine --uuid 7 --entries 300000 -q", 0, ""},
         {"create more --uuid 7 --entries 300000", 3, "~more than is left of the budget of service 7"},
+        {"!head -c 256M /dev/zero 2> /dev/null > /dev/shm/fill; shkvctl create free", 3,
+         "~'free' takes .*, and /dev/shm has no room for it \\(ENOMEM\\); see .*doctor\n$"},
         {"limits --uuid 7 --json", 0, "~\"services\":\\[\\{\"uuid\":7,\"stores\":1,"},
     });
 }
@@ -144,6 +149,8 @@ TEST(shkvctl, a_transaction_outlives_its_processes_and_apply_is_all_or_nothing)
          "(cat full; op set b) > bad; (cat c; op set 12345678901234567 '') > long", 0, ""},
         {"apply s /dev/shm/c --dry-run", 0, "would apply: 1 added, 0 replaced, 2 deleted, 1 to delete not there\n"},
         {"apply s /dev/shm/c", 0, "applied: 1 added, 0 replaced, 2 deleted, 1 to delete not there\n"},
+        {"!for c in 'apply s - --dry-run' 'load new - --create'; do sleep .5 | timeout --preserve-status -s INT .2 shkvctl $c; "
+         "done", 130, "~apply: interrupted: nothing was changed\n.*load: interrupted: nothing was stored\n"},
         {"apply s /dev/shm/long", 3, "~takes 16 at most"},
         {"!echo '{\"op\":\"put\"}' | shkvctl apply s -", 3, "~line 1: \"op\" is neither"},
         {"set-opts s --grow off -q", 0, ""},

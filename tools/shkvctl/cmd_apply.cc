@@ -19,6 +19,11 @@ struct Tally {
     uint64_t added = 0, replaced = 0, deleted = 0, absent = 0;
 };
 
+Failure stopped()
+{
+    return {EXIT_INTERRUPTED, 0, "interrupted: nothing was changed"};
+}
+
 std::vector<Record> read_changes(const std::string &file)
 {
     LineReader reader(file);
@@ -26,6 +31,8 @@ std::vector<Record> read_changes(const std::string &file)
     std::string line;
     while (!interrupted && reader.next(&line))
         changes.push_back(parse_change(reader, line));
+    if (interrupted)
+        throw stopped();
     return changes;
 }
 
@@ -73,7 +80,7 @@ Tally stage(const Store &store, const std::vector<Record> &changes)
     std::string value;
     for (const Record &change : changes) {
         if (interrupted)
-            throw Failure(EXIT_INTERRUPTED, 0, "interrupted: nothing was changed");
+            throw stopped();
         bool was_there = store.lookup(change.key, &value); // in its own transaction, what is staged counts
         if (!change.erase)
             store.add(change.key, change.value);

@@ -99,7 +99,11 @@ void create_as_dumped(const Args &args, RecordReader &reader)
 {
     if (RawStore(dbname_of(args.uri)).exists())
         return;
-    if (!reader.head())
+    refuse_registry(args.uri);
+    bool begun = reader.head().has_value();
+    if (interrupted)
+        throw Failure(EXIT_INTERRUPTED, 0, "interrupted: nothing was stored");
+    if (!begun)
         throw Failure(EXIT_ERROR, EINVAL, "the file is no dump, and does not say how to make the store",
                       fmt::format("make it with: shkvctl create {}", args.uri));
     DumpedStore made = dumped_store(*reader.head());
