@@ -120,12 +120,14 @@ int shtrace_init(void *buf, int size, int locked)
     memset(buf, 0, (size_t)size);
     ring_p->count = (uint16_t)(((size_t)size - sizeof *ring_p) >> 4);
     ring_p->rec_sz = sizeof(trace_rec);
-    ring_p->flags = locked ? 1 | TRACE_LOCKED : 1;
     // Only -1 counts as a failure here, and a positive error number does not. Intended.
     if (locked && kmutex_init(&ring_p->mutex) == -1) {
         fprintf(stderr, "failed to init the semaphore for shtrace\n");
         return 0;
     }
+    // Behind the mutex: who opens a store that is being made finds it incomplete, and says so in this ring. One
+    // that locked half a mutex would leave it locked for good.
+    put16(&ring_p->flags, (uint16_t)(locked ? 1 | TRACE_LOCKED : 1));
     gettimeofday(&ring_p->start_tv, nullptr);
     ring_p->start_tsc = cycles();
     put32(&ring_p->magic, TRACE_MAGIC); // all else is stored above
