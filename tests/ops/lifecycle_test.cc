@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include <thread>
+
 #include "support/kv.h"
 
 namespace {
@@ -94,6 +96,25 @@ TEST(Open, never_takes_descriptor_0)
     small("daemon");
     EXPECT_EQ(-1, fcntl(0, F_GETFD));
     dup2(keep, 0);
+}
+
+// A thread opens and closes one store; beside it others are looked for, and children of a fork open theirs.
+TEST(Open, and_close_in_one_thread_hold_up_no_other)
+{
+    const kv kept = small("kept");
+    small("other");
+    bool stop = false;
+    std::thread opener([&] {
+        while (!__atomic_load_n(&stop, __ATOMIC_ACQUIRE))
+            shkv_close(open_store("other", SHKV_AM_READ));
+    });
+    uint32_t err = 0;
+    for (int i = 0; i < 20000; i++)
+        ASSERT_EQ(kept.handle, shkv_uri2handle("kept", SHKV_AM_WRITE, &err));
+    for (int i = 0; i < 40 && !HasFailure(); i++)
+        in_child([] { return alarm(10), shkv_close(open_store("kept", SHKV_AM_READ)); });
+    __atomic_store_n(&stop, true, __ATOMIC_RELEASE);
+    opener.join();
 }
 
 // Readers of one process share the tables of a space in chunks, with its writer, too.

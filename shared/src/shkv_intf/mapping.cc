@@ -31,6 +31,16 @@ struct old_mapping {
 static old_mapping old_mappings[HEADS][OLD_MAX];
 static pthread_mutex_t old_mutex = PTHREAD_MUTEX_INITIALIZER; // nothing is taken under it
 
+void mapping_hold()
+{
+    pthread_mutex_lock(&old_mutex);
+}
+
+void mapping_let_go()
+{
+    pthread_mutex_unlock(&old_mutex);
+}
+
 static void drop(old_mapping *old_p)
 {
     munmap(old_p->base_p, old_p->sz);

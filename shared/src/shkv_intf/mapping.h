@@ -30,6 +30,10 @@ void mapping_give_up(shkv_head *head, void **base_pp, uint32_t *size_p);
 void mapping_blank(shkv_head *head, void **base_pp, uint32_t *size_p);
 bool mapping_unblank(const shkv_head *head, void **base_pp, uint32_t *size_p, int fd, uint32_t sz, int prot);
 
+// Over a fork: the list of old mappings is held still.
+void mapping_hold();
+void mapping_let_go();
+
 // Unmaps what still waits, at the end of a handle.
 void mapping_drop_old(const shkv_head *head);
 

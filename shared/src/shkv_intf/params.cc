@@ -46,14 +46,19 @@ int shkv_uri2handle(const char *uri, uint32_t am_mask, uint32_t *err)
     *err = 0;
     char name[SHKV_NAME_MAX + 1];
     shkv_uri2dbname(uri, name, SHKV_NAME_MAX);
-    for (int i = 0; i < HEADS; i++) {
+    bool locked = sem_take(&hd_sem) == 0; // a supernode that a close takes away is not looked at meanwhile
+    int handle = 0;
+    for (int i = 0; i < HEADS && !handle; i++) {
         const shkv_head *head = &shkv_db_heads[i];
-        const supernode *sn = head->sn;
-        if (sn && strcmp(sn->dbname, name) == 0 && (head->access_mode & am_mask & 0xff))
-            return i + 1;
+        const supernode *sn = head->access_mode & am_mask & 0xff ? head->sn : nullptr;
+        if (sn && strcmp(sn->dbname, name) == 0)
+            handle = i + 1;
     }
-    *err = EBADF;
-    return 0;
+    if (locked)
+        sem_give(&hd_sem);
+    if (!handle)
+        *err = EBADF;
+    return handle;
 }
 
 // Readers of the pair may see one new value and one old.

@@ -2,6 +2,7 @@
 #include "shkv_intf/proc.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include "diag/log.h"
+#include "shkv_intf/mapping.h"
 
 #define LIMIT_MIN 0x400000u
 #define LIMIT_MAX 0x80000000u
@@ -59,6 +61,23 @@ void shkv_sigbus_handler(int sig)
     siglongjmp(sigbus_jmp, 1);
 }
 
+// A fork copies what other threads hold, and no thread that would give it back.
+static void before_fork()
+{
+    sem_take(&open_sem);
+    sem_take(&obj_sem);
+    sem_take(&hd_sem);
+    mapping_hold();
+}
+
+static void behind_fork() // in parent and child
+{
+    mapping_let_go();
+    sem_give(&hd_sem);
+    sem_give(&obj_sem);
+    sem_give(&open_sem);
+}
+
 __attribute__((constructor)) void shkv_init(void)
 {
     if (init_cpu_hz() != 1)
@@ -69,6 +88,7 @@ __attribute__((constructor)) void shkv_init(void)
             return;
         }
         shkv_sem_inited = 1;
+        pthread_atfork(before_fork, behind_fork, behind_fork);
     }
     SHKV_PAGE_SIZE = (uint32_t)sysconf(_SC_PAGESIZE);
     signal(SIGBUS, shkv_sigbus_handler);
