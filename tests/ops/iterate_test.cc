@@ -130,6 +130,7 @@ TEST(iterate, what_the_mapping_does_not_hold_is_refused)
             for (size_t i = 0; store.add(key_no(i), "value") == 0; i++)
                 ;
             EXPECT_EQ(store.ud(), nullptr);
+            EXPECT_EQ(shkv_txn_start(store.handle, nullptr), ENOMEM); // it could not be ended
             EXPECT_EQ(reset(store), 0);
             EXPECT_EQ(next(store), "#12");
             return 0;

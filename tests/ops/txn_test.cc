@@ -1,7 +1,10 @@
 // Transactions in one process: what the writer sees, what everyone else sees, and what is left. Commits and
 // aborts that were cut short are the crash explorer's.
+#include <fcntl.h>
+
 #include <random>
 
+#include "shkv_intf/proc.h"
 #include "support/kv.h"
 
 // Any order of adds, replacements and deletes of a key leaves one record or none. A start finishes the rebuild
@@ -84,4 +87,29 @@ TEST(Txn, a_start_finishes_the_rebuild_of_another_writer)
         EXPECT_EQ("", faults_of("others"));
         EXPECT_EQ(0, shkv_destroy(writer.handle));
     }
+}
+
+// Staged adds do not look into the table in force, whose pages a full /dev/shm cannot give to the commit.
+TEST(Txn, a_commit_without_memory_for_its_buckets_is_made_again)
+{
+    on_fresh_machine("8m", [] {
+        kv store = {make_store("full", CONF_FIXEDMM, 20000)};
+        ASSERT_EQ(0, shkv_txn_start(store.handle, nullptr));
+        for (size_t i = 0; i < 100; i++)
+            ASSERT_EQ(0, store.add(key_no(i), "value"));
+        static const char page[4096] = {};
+        int fd = open("/dev/shm/filler", O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+        while (write(fd, page, sizeof page) == sizeof page)
+            ;
+        EXPECT_EQ(ENOMEM, shkv_txn_commit(store.handle, nullptr));
+        EXPECT_EQ(CF_TXN, store.sn()->comm_flg & (CF_TXN | CF_TXN_COMMIT));
+        const std::string other = "other";
+        shkv_buf key = buf_of(other), val = {};
+        EXPECT_EQ(ENOMEM, shkv_lookup_lite(store.handle, &key, &val));
+        EXPECT_EQ(0u, out_of_actual_mem);
+        EXPECT_EQ(0, ftruncate(fd, 0));
+        EXPECT_EQ(0, shkv_txn_commit(store.handle, nullptr));
+        EXPECT_EQ(100u, store.all().size());
+        EXPECT_EQ("", faults_of("full"));
+    });
 }

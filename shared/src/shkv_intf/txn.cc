@@ -50,6 +50,14 @@ static void bind_hash(shkv_head *head, uint32_t flg)
     put32(&rec->mapped_sz, get32(&sn->md_txn.obj_sz));
 }
 
+// After a failed growth a handle has no record space any more, and could neither stage nor end what it starts.
+static bool space_mapped(shkv_head *head, uint32_t flg)
+{
+    active_db db = {}, other = {};
+    get_active_db(&db, &other, head, flg);
+    return db.rec && db.rec->base && db.ud && db.ud->map[0];
+}
+
 int shkv_txn_start(int handle, const uint32_t *est_ents)
 {
     shkv_head *head = check_shkv_hdl(handle);
@@ -79,6 +87,8 @@ int shkv_txn_start(int handle, const uint32_t *est_ents)
         return EINVAL; // everything from here on would meet a read-only mapping
 
     int result = check_hdmd_remap(head, flg, handle, PROT_READ | PROT_WRITE, nullptr); // no events here
+    if (result == 0 && !space_mapped(head, flg))
+        result = ENOMEM;
     if (result == 0)
         result = txn_table_make(head, shkv_get_hash_size(wanted_buckets(est_ents)));
     if (result != 0)

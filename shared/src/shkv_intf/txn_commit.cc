@@ -16,11 +16,14 @@
 // transaction has put off is run ahead of 1, while the transaction is open as before.
 #include "shkv_intf/txn.h"
 
+#include <errno.h>
 #include <string.h>
+#include <sys/mman.h>
 
 #include "diag/log.h"
 #include "shkv_intf/addr.h"
 #include "shkv_intf/chain.h"
+#include "shkv_intf/guard.h"
 #include "shkv_intf/record.h"
 #include "shkv_intf/txn_table.h"
 #include "shkv_intf/walk.h"
@@ -216,6 +219,39 @@ static void fetch_ahead(const txn_op *op_p, fetch *fetch_p, uint32_t bucket)
         __builtin_prefetch(udn_at(op_p, off), 1);
 }
 
+// Whether memory lies behind every page of the table in force.
+static bool table_resident(const txn_op *op_p)
+{
+    unsigned char pages[2048];
+    const char *base = (const char *)op_p->db.rec->base;
+    for (size_t at = 0, sz = op_p->db.rec->mapped_sz; at < sz; at += sizeof pages * SHKV_PAGE_SIZE) {
+        size_t len = sz - at < sizeof pages * SHKV_PAGE_SIZE ? sz - at : sizeof pages * SHKV_PAGE_SIZE;
+        if (mincore(const_cast<char *>(base) + at, len, pages) != 0)
+            return false;
+        for (size_t i = 0; i < (len + SHKV_PAGE_SIZE - 1) / SHKV_PAGE_SIZE; i++)
+            if (!(pages[i] & 1))
+                return false;
+    }
+    return true;
+}
+
+// Looks at the bucket of every staged key in the table in force, so that its page is there. False when there
+// is no memory behind one.
+static __attribute__((noinline)) bool touch_buckets(const txn_op *op_p)
+{
+    GUARD(faulted);
+    for (uint32_t i = 0; i < op_p->staged_cnt; i++)
+        for (uint32_t off = staged_off(op_p, i); off;) {
+            udn *rec = udn_at(op_p, off);
+            uint32_t hash = record_hash(op_p->db.rec->hash_fn, op_p->ud_base, rec, op_p->head, op_p->shared_map);
+            get32(&op_p->db.rec->base[bucket_of(hash, get32(&op_p->db.desc->hashsz))].first_ptr);
+            off = get32(chain_link_p(rec, !op_p->md1));
+        }
+    return true;
+faulted:
+    return false;
+}
+
 int shkv_txn_commit(int handle, void *)
 {
     txn_op op = {};
@@ -229,6 +265,12 @@ int shkv_txn_commit(int handle, void *)
         // to the end.
         if ((op.flg & (CF_REFILL1 | CF_REFILL2)) && (result = txn_op_rebuild(&op)) != 0)
             return result;
+    }
+    // Tables are sparse. A page that a full /dev/shm cannot give is met here, where nothing is applied yet, or
+    // what a dead writer has begun waits on.
+    if (!table_resident(&op) && !touch_buckets(&op))
+        return ENOMEM;
+    if (!(op.flg & CF_TXN_COMMIT)) {
         // From this store on the transaction will be applied: a write open that finds it goes on here.
         change32(&op.sn->comm_flg, 0, CF_TXN_COMMIT);
     }
