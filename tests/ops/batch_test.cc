@@ -1,4 +1,6 @@
 // Batches: what is applied, what a failure or a crash leaves, and what becomes of the log.
+#include <sys/resource.h>
+
 #include "support/kv.h"
 
 namespace {
@@ -33,6 +35,27 @@ struct Batch : testing::TestWithParam<uint32_t> {
 INSTANTIATE_TEST_SUITE_P(, Batch, testing::Values(CONF_FIXEDMM, CONF_VECTORMM), [](const auto &info) {
     return info.param == CONF_FIXEDMM ? "fixed" : "vector";
 });
+
+// Without descriptors for the log it is there all the same, and the batch is put back later.
+TEST_P(Batch, a_rollback_without_descriptors_is_made_by_a_later_open)
+{
+    ASSERT_EQ(0, db.add("a", "old"));
+    EXPECT_EQ(EINVAL, batch({"a", "bad"}, {"new", std::string(65001, 'x')}, 1));
+    ASSERT_EQ(0, db.add("a", "cut"));
+    shkv_close(db.handle);
+    for (int left = 1; left < 12; left++) // the store itself takes five
+        in_child([=] {
+            const int next = dup(0);
+            close(next);
+            const rlimit few = {(rlim_t)(next + left), 1024};
+            EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
+            open_store("b", SHKV_AM_WRITE);
+            return 0;
+        });
+    db = open_kv("b", SHKV_AM_WRITE);
+    EXPECT_EQ("old", db.at("a"));
+    EXPECT_EQ(0u, db.sn()->iodb_mark);
+}
 
 // A failed atomic batch is undone at once; the next write open puts back what its log says, over newer
 // writes as well, as if the batch had been cut where it failed; a read open changes nothing.

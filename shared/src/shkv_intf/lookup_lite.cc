@@ -60,6 +60,10 @@ static int look(shkv_head *head, int shkvh, const shkv_buf *key, shkv_buf *value
     chain_walk walk;
     walk_init(&walk, head, rec, md_base + bkt, ud_base, key->ptr, key->len, limit, ring_p);
     if (!walk_find(&walk)) {
+        if (out_of_actual_mem) { // no other mapping brings that memory
+            out_of_actual_mem = 0;
+            return ENOMEM;
+        }
         bool moved = get32(&sn->comm_flg) != flg || get32(&desc->obj_ver) != md_ver;
         return walk.err == ENOMEM || moved ? LOOK_AGAIN : ENOENT;
     }

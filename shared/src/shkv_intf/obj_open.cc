@@ -57,9 +57,13 @@ static supernode *open_sn_locked(const char *path, uint32_t uuid, int prot, uint
     }
     supernode *sn = map_sn(fd, uuid, prot, err_p);
     close(fd);
-    // Readers write to the trace ring too.
-    if (sn && !(prot & PROT_WRITE) && mprotect(ring_of(sn), SHKV_PAGE_SIZE, PROT_READ | PROT_WRITE) == -1)
+    // Readers write to the trace ring too. Without that the next event would end the process.
+    if (sn && !(prot & PROT_WRITE) && mprotect(ring_of(sn), SHKV_PAGE_SIZE, PROT_READ | PROT_WRITE) == -1) {
         LOG("failed convert reader trace buffer, errno: %d (%s)", errno, strerror(errno));
+        munmap(sn, sn_map_sz());
+        *err_p = ENOMEM;
+        return nullptr;
+    }
     return sn;
 }
 

@@ -7,11 +7,14 @@
 #include "shkv_intf/undo.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include "diag/fail.h"
 #include "diag/trace.h"
 #include "shkv_intf/record.h"
+#include "shkv_intf/shm.h"
 #include "shkv_intf/word.h"
 
 // A batch may have 32 keys: of 32 distinct ones, the last in the log's bucket order is not replayed.
@@ -77,6 +80,15 @@ int shkv_start_rollback(int handle)
     if (log == 0) {
         if (err != ENOENT)
             return fail(ring_of(sn), 0xC4, err, (int)err, "shkv_start_rollbk, open iodb failed, retv:%d", err);
+        // Too few descriptors look the same as no log, and what a cut batch has left must not stay for that. A log
+        // that is going has lost its MD1 first.
+        char path[SHKV_PATH_MAX];
+        obj_path(path, name, OBJ_MD1);
+        int fd = shkv_shm_open(path, O_RDWR, 0);
+        if (fd != -1)
+            close(fd);
+        if (fd != -1 || errno != ENOENT)
+            return fail(ring_of(sn), 0xC4, ENOMEM, ENOMEM, "shkv_start_rollbk, open iodb failed, retv:%d", ENOMEM);
         put32(&sn->iodb_mark, 0); // died between the log's end and this store
         return 0;
     }
