@@ -211,6 +211,16 @@ int fill_objects(open_op *op_p)
     return set_hdmd_mm(&op_p->head, op_p->sn, op_p->ring_p, op_p->err_p) && make_space(op_p);
 }
 
+// Without the rest of its memory what was touched of the new objects would be nobody's, and missing to all
+// stores of the machine.
+void give_memory_back(const open_op *op_p)
+{
+    put32(&op_p->new_md->obj_sz, 0);
+    if (op_p->new_ud)
+        put32(&op_p->new_ud->obj_sz, 0);
+    cut_to_size(op_p);
+}
+
 int publish(open_op *op_p)
 {
     const char *text = "shkv_open for reshaping sem fail,errno:%d";
@@ -260,7 +270,11 @@ int prepare_locked(open_op *op_p)
     if (!plan_objects(op_p) || !map_objects(op_p))
         return 0;
     cut_to_size(op_p);
-    if (!fill_objects(op_p) || !publish(op_p))
+    if (!fill_objects(op_p)) {
+        give_memory_back(op_p);
+        return 0;
+    }
+    if (!publish(op_p))
         return 0;
     begin(op_p);
     return 1;
