@@ -40,9 +40,11 @@
  * Signals. Loading the library installs a handler for SIGBUS (memory behind a shared object that
  * the system cannot supply becomes the result 12). A program that has its own handler for SIGBUS
  * loses it; one that installs its own afterwards takes that protection away. The jump target is
- * one per process: two threads that meet such a fault at the same moment are not protected.
+ * one per process, and every operation of any thread sets it: a fault in one thread is caught for
+ * certain only while no other one uses the library.
  *
- * Fork. Handles do not survive a fork as a writer's claim does not: open anew in the child.
+ * Fork. Handles do not survive a fork as a writer's claim does not: open anew in the child, and do
+ * not close there what the parent has open.
  * Usable from C11 and C++. Link with -lovo_shkv. */
 #ifndef SHKV_H
 #define SHKV_H
@@ -301,8 +303,9 @@ SHKV_API int shkv_txn_is_active(int handle);
 
 /* Adds (opflg 0) or deletes (opflg 0x10) up to 32 keys; keys and vals hold m_cnt entries. With 0x01
  * in opflg the batch is atomic: after a failure or a crash none of it remains, for up to 31
- * distinct keys (of 32 one, whichever the undo log holds last, is not undone). Readers see entry
- * after entry. An atomic batch makes and destroys a small store and takes one more handle.
+ * distinct keys (of 32 one, whichever the undo log holds last, is not undone), as long as there is
+ * memory to undo it. Readers see entry after entry. An atomic batch makes and destroys a small store,
+ * NAME_iodb (so NAME has up to 214 bytes), within the service's memory, and takes one more handle.
  * 0 (a missing key to delete is no failure), or the first failure; EINVAL for CONF_MULTIWR. */
 SHKV_API int shkv_m_add(int handle, const shkv_buf *keys, const shkv_buf *vals, uint16_t m_cnt, uint16_t opflg);
 
