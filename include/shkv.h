@@ -291,7 +291,8 @@ SHKV_API int shkv_txn_start(int handle, const uint32_t *est_ents);
 /* Applies what is staged. A crash at any moment is finished by the next write open: all or nothing.
  * Readers beside it see each key old or new, in no particular order. unused is not read. 0 also
  * when no transaction is open; EBADF. The transaction stays open with EINVAL, a handle that may not
- * write or does not know the store's hash function, and ENOMEM, a table that is not mapped here. */
+ * write or does not know the store's hash function, and ENOMEM, a table that is not mapped here, or
+ * no memory in /dev/shm for buckets that were never used: commit again when there is. */
 SHKV_API int shkv_txn_commit(int handle, void *unused);
 
 /* Drops what is staged. 0 also when no transaction is open; EBADF, EINVAL, ENOMEM as a commit. */

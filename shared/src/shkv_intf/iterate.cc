@@ -43,8 +43,8 @@ struct iter_op {
     uint32_t bkts;
     uint32_t mapped_bkts;
     void *ud_base;
-    uint32_t limit;              // bytes of the record space that are mapped
-    uint32_t ud_ver;             // what that mapping is of,
+    uint32_t limit;               // bytes of the record space that are mapped
+    uint32_t ud_ver;              // what that mapping is of,
     const uint32_t *ud_obj_ver_p; // and of what the record space is now
     // the record
     udn *udn_p;

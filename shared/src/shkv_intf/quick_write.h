@@ -6,10 +6,11 @@
 // this one's.
 //
 // It serves a handle whose view is in force (quick.h): one writer, no transaction, no rebuild, no
-// reshape, no protection of the record space, no log of calls, no fault that is still to be told. Up to the first store everything is
-// only read, under the caller's guard, and what could fault later is met there: the words of the
-// chain, and every page of a node that was never used. On QUICK_NO nothing is done, or it is to be
-// done again under wr_ksem; the full write begins anew, and says what there is to say.
+// reshape, no protection of the record space, no log of calls, no fault that is still to be told. Up
+// to the first store everything is only read, under the caller's guard, and what could fault later is
+// met there: the words of the chain, and every page of a node that was never used. On QUICK_NO nothing
+// is done, or it is to be done again under wr_ksem; the full write begins anew, and says what there is
+// to say.
 #pragma once
 #include "shkv_hash/sbm.h"
 #include "shkv_intf/quick.h"
